@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/shell.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/handles.h"
+#include "base/text.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr size_t MAX_COMMAND = 1024;
+
+bool is_plain(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           (c != '\0' && strchr("._-/:@%+,=", c) != nullptr);
+}
+
+// Starts /bin/sh -c command with an empty signal mask; output, when not -1, becomes its standard
+// output. The child's id, or -1.
+pid_t start_shell(const char* command, int output) {
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
+    sigset_t none;
+    sigset_t dispositions;
+    sigemptyset(&none);
+    sigemptyset(&dispositions);
+    sigaddset(&dispositions, SIGPIPE);
+    posix_spawnattr_init(&attributes);
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &dispositions);
+    if (output >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    }
+    char shell[] = "sh";
+    char option[] = "-c";
+    char* const arguments[] = {shell, option, const_cast<char*>(command), nullptr};
+    pid_t child = -1;
+    const int error = posix_spawn(&child, "/bin/sh", &actions, &attributes, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    return error == 0 ? child : -1;
+}
+
+int wait_for(pid_t child) {
+    int status = -1;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return status;
+}
+
+void kill_and_reap(void* argument) {
+    const pid_t child = *static_cast<pid_t*>(argument);
+    kill(child, SIGKILL);
+    (void)wait_for(child);
+}
+
+}  // namespace
+
+std::string shell_word(std::string_view value) {
+    value = value.substr(0, value.find('\0'));
+    bool plain = !value.empty();
+    for (const char c : value) {
+        plain = plain && is_plain(c);
+    }
+    if (plain) {
+        return std::string(value);
+    }
+    std::string word = "'";
+    for (const char c : value) {
+        if (c == '\'') {
+            word += "'\\''";
+        } else {
+            word += c;
+        }
+    }
+    word += '\'';
+    return word;
+}
+
+std::string shell_words(std::string_view value) {
+    std::string words;
+    while (!value.empty()) {
+        const size_t length = std::min(value.find(' '), value.size());
+        if (length > 0) {
+            words += shell_word(value.substr(0, length));
+        }
+        value.remove_prefix(length);
+        if (!value.empty()) {
+            words += ' ';
+            value.remove_prefix(1);
+        }
+    }
+    return words;
+}
+
+int run_shell(const char* command) {
+    pid_t child = start_shell(command, -1);
+    if (child < 0) {
+        return -1;
+    }
+    int status = -1;
+    pthread_cleanup_push(kill_and_reap, &child);
+    status = wait_for(child);
+    pthread_cleanup_pop(0);
+    return status;
+}
+
+int run_shell_format(const char* format, ...) {
+    char command[MAX_COMMAND] = {};
+    va_list args;
+    va_start(args, format);
+    const bool whole = format_into_v(command, sizeof command, format, args);
+    va_end(args);
+    return whole ? run_shell(command) : -1;
+}
+
+long read_shell(const char* command, char* out, size_t size) {
+    int ends[2] = {-1, -1};
+    if (size == 0 || pipe2(ends, O_CLOEXEC) != 0) {
+        return -1;
+    }
+    unique_fd read_end(ends[0]);
+    unique_fd write_end(ends[1]);
+    const pid_t child = start_shell(command, write_end.get());
+    write_end.reset();
+    if (child < 0) {
+        return -1;
+    }
+    size_t total = 0;
+    while (total < size - 1) {
+        const ssize_t count = read(read_end.get(), out + total, size - 1 - total);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            break;
+        }
+        total += static_cast<size_t>(count);
+    }
+    out[total] = '\0';
+    read_end.reset();  // a program that has more to say gets a broken pipe, not an endless wait
+    (void)wait_for(child);
+    return static_cast<long>(total);
+}
+
+void run_shell_from_signal(const char* command) {
+    // vfork, not fork: fork() takes the allocator's locks, which the interrupted code may hold.
+    const pid_t child = vfork();
+    if (child == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (child > 0) {
+        (void)wait_for(child);
+    }
+}

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+// Programs of the device, run through /bin/sh. The daemon keeps SIGPIPE blocked in its working
+// threads and its descriptors close-on-exec; what is started here gets an empty signal mask and
+// none of the descriptors. No state; any thread. A thread that is cancelled in run_shell kills and
+// reaps its shell first.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// One word for a shell command. Plain values (letters, digits and ._-/:@%+,=) come out byte for
+// byte, anything else is quoted so that the shell takes it as one word and runs nothing in it.
+// Line breaks are kept inside the quotes; a NUL ends the value.
+[[nodiscard]] std::string shell_word(std::string_view value);
+// The same for a program name with arguments: each blank-separated word by itself, blanks kept.
+[[nodiscard]] std::string shell_words(std::string_view value);
+
+// Runs a command and waits for it. Returns its wait status as system() does (exit code in bits 8
+// to 15), or -1 when no shell could be started.
+int run_shell(const char* command);
+
+// The same with a printf format; a command longer than 1023 bytes is not run (result -1), for a
+// cut command is another command. Foreign values in it have passed shell_word.
+int run_shell_format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Runs a command and reads at most size - 1 bytes of its output into out, terminated. Returns the
+// bytes read, or -1 when it could not be started. More output is dropped.
+[[nodiscard]] long read_shell(const char* command, char* out, size_t size);
+
+// Runs a command from a signal handler: async-signal-safe, waits for the shell to end.
+void run_shell_from_signal(const char* command);

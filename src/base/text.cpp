@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/text.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+
+bool copy_text(char* out, size_t size, std::string_view value) {
+    if (size == 0) {
+        return value.empty();
+    }
+    const size_t length = std::min(value.size(), size - 1);
+    if (length > 0) {  // an empty view may be null
+        memmove(out, value.data(), length);  // a field may be set from a part of itself
+    }
+    out[length] = '\0';
+    return length == value.size();
+}
+
+bool format_into_v(char* out, size_t size, const char* format, va_list args) {
+    const int length = vsnprintf(out, size, format, args);
+    if (length < 0) {
+        if (size > 0) {
+            out[0] = '\0';
+        }
+        return false;
+    }
+    return static_cast<size_t>(length) < size;
+}
+
+bool format_into(char* out, size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const bool whole = format_into_v(out, size, format, args);
+    va_end(args);
+    return whole;
+}
+
+bool append_text(char* out, size_t size, std::string_view value) {
+    const size_t used = strnlen(out, size);
+    return copy_text(out + used, size - used, value);
+}
+
+bool append_format(char* out, size_t size, const char* format, ...) {
+    const size_t used = strnlen(out, size);
+    va_list args;
+    va_start(args, format);
+    const bool whole = format_into_v(out + used, size - used, format, args);
+    va_end(args);
+    return whole;
+}
+
+int to_int(std::string_view text) {
+    size_t at = 0;
+    while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r'))) {
+        at++;
+    }
+    bool negative = false;
+    if (at < text.size() && (text[at] == '-' || text[at] == '+')) {
+        negative = text[at++] == '-';
+    }
+    long long value = 0;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; at++) {
+        value = std::min<long long>(value * 10 + (text[at] - '0'), INT_MAX + 1LL);
+    }
+    value = negative ? -value : value;
+    return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX));
+}

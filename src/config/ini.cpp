@@ -1,0 +1,453 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "config/ini.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "base/handles.h"
+#include "base/text.h"
+#include "log/tb_log.h"
+
+namespace {
+
+constexpr int END_OF_FILE = 1;  // of next_line, beside 0 and the INI codes
+constexpr char FORM_FEED = 12;
+constexpr char CONTROL_Z = 26;
+constexpr char CONTINUED = '+';
+constexpr mode_t NEW_FILE_MODE = 0666;  // less the umask
+constexpr size_t COPY_BLOCK = 1024;
+
+struct line_reader {
+    file_ptr file;
+    int number = 0;  // of the line in hand, from 1
+    char text[INI_MAX_LINE] = {};
+    std::string_view line;   // in text
+    bool continued = false;  // lines that belong to the key line in hand are still to be read
+    bool open_end = false;   // the file ended where such a line was due
+};
+
+enum class line_kind { skipped, head, key, broken_head, broken_key };
+
+struct entry {
+    line_kind kind = line_kind::skipped;
+    std::string_view name;
+    std::string_view value;  // without the sign that continues it
+    bool continued = false;
+};
+
+// What the writer has to know of a lookup. Line numbers start at 1; 0 is not met.
+struct position {
+    int head = 0;
+    int key = 0;
+    int key_lines = 0;
+    bool open_end = false;
+};
+
+int next_byte(FILE* file) {
+    int c = getc_unlocked(file);
+    while (c == '\r') {
+        c = getc_unlocked(file);
+    }
+    return c;
+}
+
+// 0, END_OF_FILE or INI_READ_ERROR.
+int next_line(line_reader* in) {
+    FILE* file = in->file.get();
+    size_t length = 0;
+    int c = next_byte(file);
+    for (; c != EOF && c != '\n' && c != '\0'; c = next_byte(file)) {
+        if (length == INI_MAX_LINE) {
+            (void)ungetc(c, file);  // one byte of room is guaranteed
+            break;
+        }
+        in->text[length++] = static_cast<char>(c);
+        if (c == FORM_FEED || c == CONTROL_Z) {
+            break;
+        }
+    }
+    in->line = {in->text, length};
+    if (ferror(file) != 0) {
+        return INI_READ_ERROR;
+    }
+    if (c == EOF && length == 0) {
+        return END_OF_FILE;
+    }
+    in->number++;
+    return 0;
+}
+
+std::string_view without_leading(std::string_view text, std::string_view blanks) {
+    const size_t start = text.find_first_not_of(blanks);
+    return start == std::string_view::npos ? std::string_view() : text.substr(start);
+}
+
+std::string_view without_trailing(std::string_view text, std::string_view blanks) {
+    return text.substr(0, text.find_last_not_of(blanks) + 1);  // npos + 1 is 0
+}
+
+std::string_view strip(std::string_view line) {
+    return without_trailing(without_leading(line, " "), " ");
+}
+
+entry parse_head(std::string_view line) {
+    const bool judged = line.size() >= 3;
+    const bool broken = judged && !line.ends_with(']');
+    return {.kind = broken ? line_kind::broken_head : line_kind::head,
+            .name = line.substr(1, judged ? line.size() - 2 : 0),
+            .value = {}};
+}
+
+entry parse_key(std::string_view line) {
+    line = without_leading(line, " \t");
+    const size_t equals = line.find('=');
+    if (equals == 0 || equals == std::string_view::npos) {
+        return {.kind = line_kind::broken_key, .name = {}, .value = {}};
+    }
+    entry key = {.kind = line_kind::key,
+                 .name = without_trailing(line.substr(0, equals), " "),
+                 .value = without_leading(line.substr(equals + 1), " \t"),
+                 .continued = line.ends_with(CONTINUED)};
+    key.value.remove_suffix(key.continued ? 1 : 0);
+    return key;
+}
+
+entry parse_line(std::string_view raw) {
+    const std::string_view line = strip(raw);
+    if (line.empty() || line.front() == '#') {
+        return {};
+    }
+    return line.front() == '[' ? parse_head(line) : parse_key(line);
+}
+
+// Reads the lines that continue the key line in hand, whatever they look like, onto value when
+// there is one. 0 or an INI code.
+int read_continuation(line_reader* in, std::string* value) {
+    while (in->continued) {
+        const int code = next_line(in);
+        if (code == END_OF_FILE) {
+            in->open_end = true;
+            break;
+        }
+        if (code != 0) {
+            return code;
+        }
+        std::string_view part = strip(in->line);
+        in->continued = part.ends_with(CONTINUED);
+        part.remove_suffix(in->continued ? 1 : 0);
+        if (value != nullptr && value->size() + part.size() > INI_MAX_LINE) {
+            return INI_TOO_LONG;
+        }
+        if (value != nullptr) {
+            value->append(part);
+        }
+    }
+    in->continued = false;
+    return 0;
+}
+
+// The next line that is no comment: a head, a key or a broken key line. 0, END_OF_FILE or an INI
+// code.
+int next_entry(line_reader* in, entry* out) {
+    int code = read_continuation(in, nullptr);
+    do {
+        if (code == 0) {
+            code = next_line(in);
+        }
+        if (code != 0) {
+            return code;
+        }
+        *out = parse_line(in->line);
+    } while (out->kind == line_kind::skipped);
+    in->continued = out->continued;
+    return out->kind == line_kind::broken_head ? INI_MALFORMED : 0;
+}
+
+int find_section(line_reader* in, std::string_view section) {
+    for (;;) {
+        entry found = {};
+        const int code = next_entry(in, &found);
+        if (code != 0) {
+            return code == END_OF_FILE ? INI_NO_SECTION : code;
+        }
+        if (found.kind == line_kind::head && found.name == section) {
+            return 0;
+        }
+    }
+}
+
+// The next key of the section that the reader is in; INI_NO_KEY at the section's end.
+int next_key(line_reader* in, entry* out) {
+    const int code = next_entry(in, out);
+    if (code == END_OF_FILE || (code == 0 && out->kind == line_kind::head)) {
+        return INI_NO_KEY;
+    }
+    return code == 0 && out->kind == line_kind::broken_key ? INI_MALFORMED : code;
+}
+
+int find_key(line_reader* in, std::string_view key, std::string* value, position* place) {
+    for (;;) {
+        entry found = {};
+        int code = next_key(in, &found);
+        if (code != 0) {
+            return code;
+        }
+        if (found.name == key) {
+            value->assign(found.value);
+            place->key = in->number;
+            code = read_continuation(in, value);
+            place->key_lines = in->number - place->key + 1;
+            return code;
+        }
+    }
+}
+
+int look_up(const char* path, std::string_view section, std::string_view key, std::string* value,
+            position* place) {
+    line_reader in = {};
+    in.file.reset(fopen(path, "re"));
+    if (!in.file) {
+        log_msg(LOG_FUNCTION, 1, "config", 411, "open config file %s failed", path);
+        return INI_NOT_OPENED;
+    }
+    int code = find_section(&in, section);
+    if (code == 0) {
+        place->head = in.number;
+        code = find_key(&in, key, value, place);
+    }
+    place->open_end = in.open_end;
+    return code;
+}
+
+bool write_all(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(fd, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
+    }
+    return true;
+}
+
+ssize_t read_some(int fd, char* out, size_t size) {
+    ssize_t count = read(fd, out, size);
+    while (count < 0 && errno == EINTR) {
+        count = read(fd, out, size);
+    }
+    return count;
+}
+
+// Best effort, after a failed write.
+void shorten(int fd, off_t size) {
+    [[maybe_unused]] const int failed = ftruncate(fd, size);
+}
+
+bool has_line_end(std::string_view text) {
+    constexpr char ENDS[] = {'\n', FORM_FEED, CONTROL_Z};
+    return text.find_first_of(std::string_view(ENDS, sizeof ENDS)) != std::string_view::npos;
+}
+
+// Whether the reader would find the pair again as one line each for head and key.
+bool is_storable(std::string_view section, std::string_view key, std::string_view value) {
+    return !has_line_end(section) && !has_line_end(key) && !has_line_end(value) &&
+           section.size() + 2 <= INI_MAX_LINE && key.size() + 1 + value.size() <= INI_MAX_LINE;
+}
+
+std::string key_line(const char* key, const char* value) {
+    std::string line = std::string(key) + "=" + value + "\n";
+    if (without_trailing(value, " ").ends_with(CONTINUED)) {
+        line += '\n';  // an empty line to continue with, or the value would take in the next key
+    }
+    return line;
+}
+
+int append_pair(const char* path, const position& place, const char* section,
+                const std::string& pair) {
+    const unique_fd file(open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
+    struct stat state = {};
+    if (!file || fstat(file.get(), &state) != 0) {
+        return INI_NOT_CREATED;
+    }
+    char last = '\n';
+    if (state.st_size > 0 && pread(file.get(), &last, 1, state.st_size - 1) != 1) {
+        return INI_READ_ERROR;
+    }
+    std::string text = last == '\n' ? "" : "\n";
+    text += place.open_end ? "\n" : "";  // or the head would continue the file's last value
+    text += std::string("[") + section + "]\n" + pair;
+    if (!write_all(file.get(), text)) {
+        shorten(file.get(), state.st_size);
+        return INI_WRITE_ERROR;
+    }
+    return 0;
+}
+
+// Appends the lines up to number last to text, or passes over them.
+int copy_lines(line_reader* in, int last, std::string* text) {
+    while (in->number < last) {
+        const int code = next_line(in);
+        if (code != 0) {
+            return code == END_OF_FILE ? 0 : code;
+        }
+        if (text != nullptr) {
+            text->append(in->line) += '\n';
+        }
+    }
+    return 0;
+}
+
+// The file's text with the pair in place of the key's lines, or right after the section's head.
+int merge_pair(const char* path, const position& place, const std::string& pair,
+               std::string* text) {
+    line_reader in = {};
+    in.file.reset(fopen(path, "re"));
+    if (!in.file) {
+        return INI_NOT_OPENED;
+    }
+    int code = copy_lines(&in, place.key > 0 ? place.key - 1 : place.head, text);
+    if (code == 0) {
+        code = copy_lines(&in, in.number + place.key_lines, nullptr);
+    }
+    *text += pair;
+    return code != 0 ? code : copy_lines(&in, INT_MAX, text);
+}
+
+int rewrite_file(const char* path, const position& place, const char* key, const char* value) {
+    char temporary[] = "/tmp/tmpconfigXXXXXX";
+    const unique_fd file(mkostemp(temporary, O_CLOEXEC));
+    if (!file) {
+        return INI_NOT_CREATED;
+    }
+    std::string text;
+    int code = merge_pair(path, place, key_line(key, value), &text);
+    if (code == 0 && !write_all(file.get(), text)) {
+        code = INI_WRITE_ERROR;
+    }
+    const bool replaced = code != 0 || copy_file(temporary, path) == 0;
+    (void)unlink(temporary);  // ours; there is nothing else to try
+    if (!replaced) {
+        return INI_NOT_CREATED;
+    }
+    log_plain(LOG_SYSTEM, 0, " set %s=%s", key, value);
+    return code;
+}
+
+// Gets the room for all of source before a byte of target is overwritten, so that a full file
+// system costs the new text and not the old one. False when there is no room.
+bool reserve_room(int source, int target) {
+    struct stat wanted = {};
+    struct stat present = {};
+    if (fstat(source, &wanted) != 0 || fstat(target, &present) != 0 ||
+        wanted.st_size <= present.st_size) {
+        return true;
+    }
+    const int error = posix_fallocate(target, 0, wanted.st_size);
+    if (error != ENOSPC && error != EDQUOT && error != EFBIG) {
+        return true;  // or not to be had on this kind of file: the writes will tell
+    }
+    shorten(target, present.st_size);
+    return false;
+}
+
+}  // namespace
+
+int ini_get(const char* path, std::string_view section, std::string_view key, char* out,
+            size_t size) {
+    std::string value;
+    position place = {};
+    const int code = look_up(path, section, key, &value, &place);
+    if (code == 0) {
+        copy_text(out, size, value);
+    }
+    return code;
+}
+
+int ini_set(const char* path, const char* section, const char* key, const char* value) {
+    if (!is_storable(section, key, value)) {
+        log_msg(LOG_SYSTEM, 0, __func__, __LINE__, "value of %s is not one line, not written", key);
+        return INI_WRITE_ERROR;
+    }
+    std::string old;
+    position place = {};
+    const int code = look_up(path, section, key, &old, &place);
+    if (code == INI_NOT_OPENED || code == INI_NO_SECTION) {
+        return append_pair(path, place, section, key_line(key, value));
+    }
+    return code == 0 || code == INI_NO_KEY ? rewrite_file(path, place, key, value) : code;
+}
+
+int ini_list_sections(const char* path, std::span<ini_name> names) {
+    line_reader in = {};
+    in.file.reset(fopen(path, "re"));
+    if (!in.file) {
+        return INI_NOT_OPENED;
+    }
+    size_t count = 0;
+    while (count < names.size()) {
+        entry found = {};
+        const int code = next_entry(&in, &found);
+        if (code == END_OF_FILE) {
+            break;
+        }
+        if (code != 0) {
+            return code;
+        }
+        if (found.kind == line_kind::head) {
+            set_text(names[count++].text, found.name);
+        }
+    }
+    return static_cast<int>(count);
+}
+
+int ini_list_keys(const char* path, std::string_view section, std::span<ini_name> names) {
+    line_reader in = {};
+    in.file.reset(fopen(path, "re"));
+    if (!in.file) {
+        return INI_NOT_OPENED;
+    }
+    int code = find_section(&in, section);
+    size_t count = 0;
+    while (code == 0 && count < names.size()) {
+        entry found = {};
+        code = next_key(&in, &found);
+        if (code == 0) {
+            set_text(names[count++].text, found.name);
+        }
+    }
+    return code == 0 || code == INI_NO_KEY ? static_cast<int>(count) : code;
+}
+
+int copy_file(const char* from, const char* to) {
+    const unique_fd source(open(from, O_RDONLY | O_CLOEXEC));
+    if (!source) {
+        return INI_NOT_OPENED;
+    }
+    const unique_fd target(open(to, O_WRONLY | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
+    if (!target) {
+        return INI_NOT_CREATED;
+    }
+    char block[COPY_BLOCK] = {};
+    off_t total = 0;
+    ssize_t count = read_some(source.get(), block, sizeof block);
+    if (count >= 0 && !reserve_room(source.get(), target.get())) {
+        return INI_WRITE_ERROR;
+    }
+    for (; count > 0; count = read_some(source.get(), block, sizeof block)) {
+        if (!write_all(target.get(), {block, static_cast<size_t>(count)})) {
+            return INI_WRITE_ERROR;
+        }
+        total += count;
+    }
+    if (count < 0) {
+        return INI_READ_ERROR;
+    }
+    return ftruncate(target.get(), total) == 0 ? 0 : INI_WRITE_ERROR;
+}

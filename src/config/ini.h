@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// Settings files: sections, key=value lines, '#' comments, values continued with a final '+'.
+// Lines hold at most 512 characters, and so do values. Nothing is cached: every call opens and
+// scans its file. No lock: settings are written by one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+constexpr size_t INI_MAX_LINE = 512;
+
+constexpr int INI_NO_SECTION = -1;
+constexpr int INI_NO_KEY = -2;       // end of file or the next section came first
+constexpr int INI_NOT_OPENED = -10;  // the file, or the source of a copy
+constexpr int INI_NOT_CREATED = -11;
+constexpr int INI_READ_ERROR = -12;
+constexpr int INI_WRITE_ERROR = -13;
+constexpr int INI_MALFORMED = -14;  // a broken section head or key line
+constexpr int INI_TOO_LONG = -22;   // a continued value of more than 512 characters
+
+struct ini_name {
+    char text[64];
+};
+
+// Copies a value into out (size bytes, cut there). A key without a value gives 0 and an empty
+// text. On an error out is left as it was. 0 or an INI code.
+[[nodiscard]] int ini_get(const char* path, std::string_view section, std::string_view key,
+                          char* out, size_t size);
+
+// Writes one value: replaces the key's line, or inserts it right after the section's head, or
+// appends section and key to the file, which is created when missing. 0 or an INI code; after an
+// error the file is as it was.
+int ini_set(const char* path, const char* section, const char* key, const char* value);
+
+// Copies names in file order into names, as many as fit (each cut at 63 characters). Returns how
+// many were copied, or an INI code.
+[[nodiscard]] int ini_list_sections(const char* path, std::span<ini_name> names);
+[[nodiscard]] int ini_list_keys(const char* path, std::string_view section,
+                                std::span<ini_name> names);
+
+// Copies a text file over another, in place. 0 or an INI code.
+[[nodiscard]] int copy_file(const char* from, const char* to);

@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+// Settings pushed by the device's update tooling in /var/tmp/cloud_upgrade.ini: applied, written
+// back and the file removed. Control thread.
+#pragma once
+
+// Always 0; without a file nothing happens.
+int handle_update_config();

@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "device/hosts.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <string_view>
+
+#include "base/shell.h"
+#include "base/text.h"
+#include "device/kv.h"
+#include "log/tb_log.h"
+
+namespace {
+
+constexpr const char* HOSTS_FILE = "/etc/hosts";
+constexpr size_t MAX_ENTRIES = 10;  // a name further down is not seen and added again
+constexpr size_t MAX_COMMAND = 1024;
+constexpr size_t MAX_REPLACE_COMMAND = 256;
+
+bool is_dotted_ipv4(const char* ip) {
+    in_addr address = {};
+    return ip != nullptr && inet_pton(AF_INET, ip, &address) == 1;
+}
+
+bool is_domain(const char* domain) {
+    constexpr std::string_view ALLOWED =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+    return !is_empty(domain) &&
+           std::string_view(domain).find_first_not_of(ALLOWED) == std::string_view::npos;
+}
+
+bool is_safe_address(const char* ip) {
+    if (!is_dotted_ipv4(ip)) {
+        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "no address for %s:%s", HOSTS_FILE,
+                ip == nullptr ? "" : ip);
+        return false;
+    }
+    return true;
+}
+
+bool is_safe_pair(const char* domain, const char* ip) {
+    if (!is_domain(domain)) {
+        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "no domain for %s:%s", HOSTS_FILE,
+                domain == nullptr ? "" : domain);
+        return false;
+    }
+    return is_safe_address(ip);
+}
+
+// The entry whose value is domain, of those before the first unused one.
+const kv_entry* find_domain(std::span<const kv_entry> table, const char* domain) {
+    for (const kv_entry& entry : table) {
+        if (!entry.name) {
+            break;
+        }
+        if (entry.value && strcmp(entry.value.get(), domain) == 0) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+void replace_address(const char* old_ip, const char* ip, const char* domain) {
+    // An address of another length leaves the line as it is: deliberate.
+    if (strcmp(old_ip, ip) == 0 || strlen(old_ip) != strlen(ip) || !is_safe_address(old_ip)) {
+        return;
+    }
+    char command[MAX_REPLACE_COMMAND] = {};
+    if (format_text(command, "sed -i 's#.*%s.*#%s %s#' /etc/hosts", old_ip, ip, domain)) {
+        run_shell(command);
+        log_msg(LOG_SYSTEM, 1, "checkHostsFile", __LINE__, "replace to hosts:%s %s\n", ip, domain);
+    }
+}
+
+}  // namespace
+
+void checkHostsFile(const char* domain, const char* ip) {
+    if (!is_safe_pair(domain, ip)) {
+        return;
+    }
+    kv_entry table[MAX_ENTRIES] = {};
+    (void)read_kv_pairs(HOSTS_FILE, ' ', table);  // a missing file is an empty one
+    if (const kv_entry* found = find_domain(table, domain)) {
+        replace_address(found->name.get(), ip, domain);
+    } else {
+        run_shell_format("sed -i '1a%s %s' /etc/hosts", ip, domain);
+        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "add new to hosts:%s %s\n", ip, domain);
+    }
+    free_kv_table(table);
+}
+
+int add_domain_to_hosts(const char* ip, const char* domain) {
+    char command[MAX_COMMAND] = {};
+    if (is_safe_pair(domain, ip) &&
+        format_text(command, "echo %s %s %s >> /etc/hosts", ip, domain, domain)) {
+        run_shell(command);
+        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "Add domain cmd=%s", command);
+    }
+    return 0;
+}
+
+// Goes by the address alone and removes longer addresses that contain it: deliberate.
+int delete_domain_in_hosts(const char* ip, const char* /*domain*/) {
+    char command[MAX_COMMAND] = {};
+    if (is_safe_address(ip) && format_text(command, "sed -i '/%s/'d /etc/hosts", ip)) {
+        run_shell(command);
+        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "delete domain cmd=%s", command);
+    }
+    return 0;
+}

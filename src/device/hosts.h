@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+// Lines of /etc/hosts, changed through the shell's echo and sed. Values that are no plain words
+// are quoted; an address that is not dotted IPv4 never becomes a sed pattern or a line. No state.
+#pragma once
+
+// Keeps /etc/hosts mapping domain to ip: replaces the address of a line whose name is domain
+// (only when old and new address are equally long) or inserts a line after the first.
+void checkHostsFile(const char* domain, const char* ip);
+
+// Appends "ip domain domain". 0.
+int add_domain_to_hosts(const char* ip, const char* domain);
+
+// Removes every line that contains the address, also inside a longer one. The domain is not
+// looked at. 0.
+int delete_domain_in_hosts(const char* ip, const char* domain);

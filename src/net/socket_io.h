@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the files of this folder share below transport.h: bounded waits, new sockets, and one read
+// from either kind of connection. For this folder only. No state; any thread.
+#pragma once
+
+#include <poll.h>
+
+#include <cstddef>
+
+struct ssl_st;
+
+// Log levels of component API.
+constexpr int PROGRESS = 3;  // what happens to connections and answers
+constexpr int TRACE = 5;     // requests, answers and single reads
+
+// Milliseconds of the clock that nobody sets.
+long long now_ms();
+// The instant so many seconds from now.
+long long deadline_in(int seconds);
+
+constexpr long long NO_DEADLINE = -1;
+
+// Waits for events (POLLIN, POLLOUT) until a deadline of now_ms(); an interrupted wait goes on. 0
+// when the socket is marked, also by an error or a hang-up, which the next read or write will
+// tell; else -1 with errno set: ETIMEDOUT after a wait in vain.
+[[nodiscard]] int wait_until(int socket, short events, long long deadline);
+
+// Switches a socket to non-blocking. Its flags from before, for restore_flags.
+int set_nonblocking(int socket);
+void restore_flags(int socket, int flags);
+
+// An IPv4 stream socket whose blocking reads and writes end after a while. -1 when there is none,
+// which is logged for function.
+[[nodiscard]] int new_tcp_socket(const char* function);
+
+// Where an answer comes from: TLS when ssl is set, else a plain socket. Borrows both. A TLS socket
+// must be non-blocking while it is read from.
+struct net_stream {
+    int socket = -1;
+    ssl_st* ssl = nullptr;
+    short events = POLLIN;  // what the next wait is for
+    int error = 0;          // the TLS library's class of the last read, 0 is none
+};
+
+constexpr long READ_AGAIN = -2;  // nothing for the reader yet: wait for stream.events
+
+// One read that never blocks. Bytes read, READ_AGAIN, or 0 or -1 at the end of the connection.
+[[nodiscard]] long read_stream(net_stream* stream, char* out, size_t size);
+// The half of read_stream that needs the TLS library.
+[[nodiscard]] long read_tls(net_stream* stream, char* out, size_t size);
+// Whether the TLS library holds received bytes, which no wait on the socket would report.
+[[nodiscard]] bool has_pending(const net_stream& stream);

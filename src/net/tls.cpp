@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: Apache-2.0
+// The TLS connections of transport.h. The only file here that knows the TLS library.
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/rand.h>
+#include <openssl/ssl.h>
+#include <resolv.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/result.h"
+#include "config/settings.h"
+#include "device/url.h"
+#include "log/tb_log.h"
+#include "net/socket_io.h"
+#include "net/transport.h"
+
+namespace {
+
+constexpr size_t HOST_SIZE = 256;
+constexpr size_t PATH_SIZE = 1024;
+constexpr int HTTPS_PORT = 443;
+constexpr int HANDSHAKE_SECONDS = 8;
+constexpr int HANDSHAKE_ROUNDS = 256;  // far more than any handshake takes
+constexpr int HANDSHAKE_DONE = 1;
+
+int open_tcp(https_conn* conn, const char* host, int port) {
+    conn->socket = new_tcp_socket("connect_https");
+    if (conn->socket < 0) {
+        return ERR_SOCKET;
+    }
+    sockaddr_in server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(static_cast<uint16_t>(port));
+    server.sin_addr.s_addr = conn->server_address;
+    if (connect_nonb(conn->socket, reinterpret_cast<const sockaddr*>(&server), sizeof server,
+                     pluginmgr_config.conn_timeout) != 0) {
+        log_err("connect_https", __LINE__, "Connect %s:%d Error: %s", host, port, strerror(errno));
+        close_https(conn);
+        (void)res_init();  // the next attempt resolves afresh
+        conn->server_address = 0;
+        return ERR_CONNECT;
+    }
+    return 0;
+}
+
+int tls_failure(const char* step) {
+    log_err("connect_https", __LINE__, "%s Error", step);
+    return ERR_TLS;
+}
+
+// The TLS session on a connected socket. The caller closes conn after a failure.
+int open_tls(https_conn* conn) {
+    conn->ssl_ctx = SSL_CTX_new(TLS_client_method());
+    if (conn->ssl_ctx == nullptr) {
+        return tls_failure("SSL_CTX_new");
+    }
+    SSL_CTX_set_read_ahead(conn->ssl_ctx, 1);  // one system call a record, not two
+    conn->ssl = SSL_new(conn->ssl_ctx);
+    if (conn->ssl == nullptr) {
+        return tls_failure("SSL_new");
+    }
+    // A read that meets only a session ticket must come back, not wait for what may never follow.
+    SSL_clear_mode(conn->ssl, SSL_MODE_AUTO_RETRY);
+    if (SSL_set_fd(conn->ssl, conn->socket) != 1) {
+        return tls_failure("SSL_set_fd");
+    }
+    log_msg(LOG_API, PROGRESS, "connect_https", __LINE__,
+            "ssl set fd ok, then start connecting ssl....");
+    if (ssl_connect_nonb(conn) != HANDSHAKE_DONE) {
+        const int code = tls_failure("SSL_connect");
+        ERR_print_errors_fp(stderr);
+        return code;
+    }
+    return 0;
+}
+
+// Whether a handshake that came to error goes on. Want-write ends it, as does anything unknown.
+bool handshake_goes_on(const https_conn& conn, int error) {
+    if (error == SSL_ERROR_WANT_READ) {
+        if (wait_readable(conn.socket, HANDSHAKE_SECONDS) == 0) {
+            return true;
+        }
+        const int reason = errno;
+        log_err("ssl_connect_nonb", __LINE__, "SSL_connect timeout");
+        return reason == 0;
+    }
+    return (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) && errno == 0;
+}
+
+// An interrupted write is repeated; any other failure stands.
+int write_tls(SSL* ssl, const char* data, size_t length) {
+    const int part = static_cast<int>(std::min<size_t>(length, INT_MAX));
+    for (;;) {
+        ERR_clear_error();
+        errno = 0;
+        const int count = SSL_write(ssl, data, part);
+        if (count > 0 || errno != EINTR) {
+            return count;
+        }
+    }
+}
+
+}  // namespace
+
+void ssl_library_init() {
+    OPENSSL_init_ssl(0, nullptr);
+    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    RAND_poll();
+    while (RAND_status() == 0) {
+        // Only for a system without any entropy; a weak seed is better than none.
+        const auto seed =
+            static_cast<int16_t>(rand() % 65536);  // NOLINT(cert-msc30-c,cert-msc50-cpp)
+        RAND_seed(&seed, sizeof seed);
+    }
+    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "initialize ssl library");
+}
+
+int ssl_connect_nonb(https_conn* conn) {
+    const int flags = set_nonblocking(conn->socket);
+    int result = 0;
+    for (int round = 0; round < HANDSHAKE_ROUNDS; round++) {
+        ERR_clear_error();
+        errno = 0;
+        result = SSL_connect(conn->ssl);
+        const int reason = errno;
+        const int error = SSL_get_error(conn->ssl, result);
+        errno = reason;
+        if (!handshake_goes_on(*conn, error)) {
+            break;
+        }
+    }
+    restore_flags(conn->socket, flags);
+    return result;
+}
+
+void init_https_conn(https_conn* conn) {
+    conn->socket = -1;
+    conn->ssl = nullptr;
+    conn->ssl_ctx = nullptr;
+}
+
+void close_https(https_conn* conn) {
+    if (conn->socket == -1) {
+        return;
+    }
+    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d will shutdown ssl %p", getpid(),
+            static_cast<void*>(conn->ssl));
+    if (conn->ssl != nullptr) {
+        (void)SSL_shutdown(conn->ssl);  // the peer may be gone
+        ERR_clear_error();
+    }
+    (void)close(conn->socket);
+    SSL_free(conn->ssl);
+    SSL_CTX_free(conn->ssl_ctx);
+    init_https_conn(conn);
+}
+
+int connect_https(https_conn* conn, const char* url) {
+    char host[HOST_SIZE] = {};
+    char path[PATH_SIZE] = {};
+    int port = HTTPS_PORT;
+    split_url(url, host, path, &port, sizeof host, sizeof path);
+    init_https_conn(conn);
+    if (conn->server_address == 0) {
+        const int code = dns_resove(host, conn, nullptr, 0);
+        if (code != 0) {
+            return code;
+        }
+    }
+    int code = open_tcp(conn, host, port);
+    if (code != 0) {
+        return code;
+    }
+    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d tcp connect success, then start ssl ....",
+            getpid());
+    code = open_tls(conn);
+    if (code != 0) {
+        close_https(conn);
+        return code;
+    }
+    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d ssl connect ok", getpid());
+    return 0;
+}
+
+int send_https_buf(https_conn* conn, const void* data, size_t length) {
+    if (conn->socket == -1) {
+        log_err(__func__, __LINE__, "https doesn't connected");
+        return FAILED;
+    }
+    const auto* bytes = static_cast<const char*>(data);
+    for (size_t sent = 0; sent < length;) {
+        const int count = write_tls(conn->ssl, bytes + sent, length - sent);
+        if (count < 1) {
+            log_err(__func__, __LINE__, "SSL_write Error");
+            return FAILED;
+        }
+        sent += static_cast<size_t>(count);
+        log_msg(LOG_API, TRACE, __func__, __LINE__, "%zu bytes send OK!", sent);
+    }
+    return 0;
+}
+
+int send_https_str(https_conn* conn, const char* text) {
+    return send_https_buf(conn, text, strlen(text));
+}
+
+long read_tls(net_stream* stream, char* out, size_t size) {
+    ERR_clear_error();
+    const int count = SSL_read(stream->ssl, out, static_cast<int>(std::min<size_t>(size, INT_MAX)));
+    stream->error = count > 0 ? SSL_ERROR_NONE : SSL_get_error(stream->ssl, count);
+    const bool wants_write = stream->error == SSL_ERROR_WANT_WRITE;
+    stream->events = wants_write ? POLLOUT : POLLIN;
+    return wants_write || stream->error == SSL_ERROR_WANT_READ ? READ_AGAIN : count;
+}
+
+bool has_pending(const net_stream& stream) {
+    return stream.ssl != nullptr && SSL_has_pending(stream.ssl) == 1;
+}

@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "net/transport.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <resolv.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+#include "base/handles.h"
+#include "base/result.h"
+#include "base/text.h"
+#include "config/settings.h"
+#include "log/tb_log.h"
+#include "net/dns.h"
+#include "net/socket_io.h"
+
+namespace {
+
+constexpr int MSS_ABOVE = 512;   // tcp_mss is applied between
+constexpr int MSS_BELOW = 1420;  // these two
+constexpr int MIN_IO_SECONDS = 10;
+
+void apply_mss(int socket) {
+    const int mss = to_int(text_of(pluginmgr_config.tcp_mss));
+    if (mss > MSS_ABOVE && mss < MSS_BELOW) {
+        // The connection works without it.
+        (void)setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &mss, sizeof mss);
+    }
+}
+
+// What a pending connect came to, once the socket is writable. 0, or -1 with errno.
+int connect_result(int socket) {
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        return FAILED;
+    }
+    if (error != 0) {
+        errno = error;
+        return FAILED;
+    }
+    return 0;
+}
+
+bool ask_system(const char* host, in_addr* address) {
+    addrinfo hints = {};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host, nullptr, &hints, &found) != 0) {
+        return false;
+    }
+    sockaddr_in first = {};
+    memcpy(&first, found->ai_addr, sizeof first);
+    freeaddrinfo(found);
+    *address = first.sin_addr;
+    return true;
+}
+
+// The broadcast address, to which no connection succeeds, for a text that is no address.
+in_addr parse_address(const char* text) {
+    in_addr address = {};
+    if (inet_pton(AF_INET, text, &address) != 1) {
+        address.s_addr = INADDR_NONE;
+    }
+    return address;
+}
+
+}  // namespace
+
+long long now_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+long long deadline_in(int seconds) {
+    return now_ms() + std::max(seconds, 0) * 1000LL;
+}
+
+int wait_until(int socket, short events, long long deadline) {
+    for (;;) {
+        int limit = -1;
+        if (deadline != NO_DEADLINE) {
+            limit = static_cast<int>(std::clamp<long long>(deadline - now_ms(), 0, INT_MAX));
+        }
+        pollfd watched = {socket, events, 0};
+        const int ready = poll(&watched, 1, limit);
+        if (ready > 0) {
+            return 0;
+        }
+        if (ready == 0) {
+            errno = ETIMEDOUT;
+            return FAILED;
+        }
+        if (errno != EINTR) {
+            return FAILED;
+        }
+    }
+}
+
+int set_nonblocking(int socket) {
+    const int flags = fcntl(socket, F_GETFL);
+    (void)fcntl(socket, F_SETFL, flags | O_NONBLOCK);  // fails only without a socket
+    return flags;
+}
+
+void restore_flags(int socket, int flags) {
+    (void)fcntl(socket, F_SETFL, flags);
+}
+
+int new_tcp_socket(const char* function) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        log_err(function, __LINE__, "Socket Error: %s", strerror(errno));
+        return FAILED;
+    }
+    timeval limit = {};
+    limit.tv_sec = std::max(pluginmgr_config.conn_timeout, MIN_IO_SECONDS);
+    // A peer that takes nothing must not hold the sending thread for ever.
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    return fd;
+}
+
+long read_stream(net_stream* stream, char* out, size_t size) {
+    if (stream->ssl != nullptr) {
+        return read_tls(stream, out, size);
+    }
+    const ssize_t count = recv(stream->socket, out, size, MSG_DONTWAIT);
+    const bool again = count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    return again ? READ_AGAIN : count;
+}
+
+int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size) {
+    char dotted[IPV4_TEXT_SIZE] = {};
+    in_addr address = {};
+    if (ask_system(host, &address)) {
+        (void)inet_ntop(AF_INET, &address, dotted, sizeof dotted);  // always fits
+        log_msg(LOG_API, PROGRESS, __func__, __LINE__, "IP address [%s] for hostname - <%s>",
+                dotted, host);
+    } else {
+        (void)res_init();  // the servers may have changed since; with old ones it fails as well
+        const int code = dns_lookup(host, &dotted);
+        if (code != 0) {
+            log_err(__func__, __LINE__, "check dns address!!! getaddrinfo(%d) - %s.", code,
+                    gai_strerror(code));
+            return ERR_RESOLVE;
+        }
+        log_msg(LOG_API, PROGRESS, __func__, __LINE__,
+                "internal resolv IP address [%s] for hostname - <%s>", dotted, host);
+        address = parse_address(dotted);
+    }
+    if (conn != nullptr) {
+        conn->server_address = address.s_addr;
+    }
+    if (text != nullptr) {
+        memset(text, 0, text_size);
+        copy_text(text, text_size, dotted);
+    }
+    return 0;
+}
+
+int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seconds) {
+    apply_mss(socket);
+    const int flags = set_nonblocking(socket);
+    if (connect(socket, address, length) != 0) {
+        // An interrupted connect goes on by itself, as a pending one does.
+        if (errno != EINPROGRESS && errno != EINTR && errno != 0) {
+            return FAILED;
+        }
+        const long long deadline = seconds == 0 ? NO_DEADLINE : deadline_in(seconds);
+        if (wait_until(socket, POLLOUT, deadline) != 0) {
+            const int reason = errno;
+            if (reason != ETIMEDOUT) {
+                (void)fputs("select error: sockfd not set", stderr);
+            }
+            errno = reason;
+            return FAILED;
+        }
+        if (connect_result(socket) != 0) {
+            return FAILED;  // still non-blocking: the caller closes it
+        }
+    }
+    restore_flags(socket, flags);
+    return 0;
+}
+
+int wait_readable(int socket, int seconds) {
+    return wait_until(socket, POLLIN, deadline_in(seconds));
+}
+
+peer_state https_peer_state(const https_conn& conn) {
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    if (getsockopt(conn.socket, IPPROTO_TCP, TCP_INFO, &info, &length) != 0) {
+        return peer_state::unknown;
+    }
+    return info.tcpi_state == TCP_CLOSE_WAIT ? peer_state::closed : peer_state::open;
+}
+
+int check_https_conn(https_conn* conn) {
+    if (conn->socket == -1) {
+        return FAILED;
+    }
+    if (https_peer_state(*conn) == peer_state::closed) {
+        close_https(conn);
+        return FAILED;
+    }
+    return 0;
+}
+
+int connect_http(const char* host, int port) {
+    char dotted[IPV4_TEXT_SIZE] = {};
+    if (dns_resove(host, nullptr, dotted, sizeof dotted) != 0) {
+        return FAILED;
+    }
+    unique_fd fd(new_tcp_socket(__func__));
+    if (!fd) {
+        return FAILED;
+    }
+    sockaddr_in peer = {};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(static_cast<uint16_t>(port));
+    peer.sin_addr = parse_address(dotted);
+    if (connect_nonb(fd.get(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer,
+                     pluginmgr_config.conn_timeout) != 0) {
+        log_err(__func__, __LINE__, "Connect %s:%d Error: %s", host, port, strerror(errno));
+        fd.reset();
+        (void)res_init();  // the next attempt resolves afresh
+        return FAILED;
+    }
+    return fd.release();
+}
+
+int send_http_buf(int socket, const void* data, size_t length) {
+    if (socket <= 0) {  // 0 is refused too
+        log_err(__func__, __LINE__, "http doesn't connected");
+        return FAILED;
+    }
+    const auto* bytes = static_cast<const char*>(data);
+    for (size_t sent = 0; sent < length;) {
+        const ssize_t count = send(socket, bytes + sent, length - sent, MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 1) {
+            log_err(__func__, __LINE__, "send Error");
+            return FAILED;
+        }
+        sent += static_cast<size_t>(count);
+        log_msg(LOG_API, TRACE, __func__, __LINE__, "%zu bytes send OK!", sent);
+    }
+    return 0;
+}
+
+int send_http_str(int socket, const char* text) {
+    return send_http_buf(socket, text, strlen(text));
+}

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+// TCP and TLS connections and just enough HTTP to know when an answer is complete. Owns no
+// record; the caller's https_conn is used by one thread at a time. Certificates are not verified
+// and no server name is sent. OpenSSL's types end here. SIGPIPE is blocked in the threads that
+// come here. Codes: base/result.h.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+struct ssl_st;
+struct ssl_ctx_st;
+
+// One TLS client connection: closed (socket -1) or open. The address survives closing and is
+// forgotten only when a TCP connect fails.
+struct https_conn {
+    int socket = -1;
+    uint32_t server_address = 0;  // IPv4, network byte order; 0 is not resolved yet
+    ssl_st* ssl = nullptr;
+    ssl_ctx_st* ssl_ctx = nullptr;
+};
+
+constexpr int GOT_REDIRECT = -2;  // of the receive functions; the buffer holds the location
+
+// Once, before any connection. Main thread.
+void ssl_library_init();
+
+// Resolves host with the system's resolver, then with the daemon's own. Stores the address in
+// conn and its dotted text in text (text_size bytes), each when given. 0 or ERR_RESOLVE.
+[[nodiscard]] int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size);
+
+// Connects within a time limit in seconds; 0 is no limit. 0, or -1 with errno set.
+[[nodiscard]] int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seconds);
+
+// 0 when socket became readable within the seconds, else -1.
+[[nodiscard]] int wait_readable(int socket, int seconds);
+
+// The handshake, up to 8 seconds a wait. The last result of SSL_connect: 1 is success.
+[[nodiscard]] int ssl_connect_nonb(https_conn* conn);
+
+// Marks the record closed without closing anything; leaves the address.
+void init_https_conn(https_conn* conn);
+// Sends the close notice, releases everything. Nothing happens to a closed record.
+void close_https(https_conn* conn);
+// -1 when the record is closed or its peer has closed (it is closed then), 0 otherwise.
+int check_https_conn(https_conn* conn);
+
+// How the peer stands, for the keep-alive rule: read without changing anything.
+enum class peer_state { open, closed, unknown };
+[[nodiscard]] peer_state https_peer_state(const https_conn& conn);
+
+// Opens conn to the host and port of url. 0, ERR_RESOLVE, ERR_SOCKET, ERR_CONNECT or ERR_TLS.
+[[nodiscard]] int connect_https(https_conn* conn, const char* url);
+
+// Sends everything. 0 or -1.
+[[nodiscard]] int send_https_buf(https_conn* conn, const void* data, size_t length);
+[[nodiscard]] int send_https_str(https_conn* conn, const char* text);
+
+// Receives one answer. buffer holds size bytes of it and one more for a terminator, so it is
+// size + 1 bytes long. An answer that cannot fit overwrites the buffer as it comes; its body goes
+// to file, when given. seconds limits each wait. The number of bytes received (0 after a wait in
+// vain), or GOT_REDIRECT.
+[[nodiscard]] int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file);
+
+// Plain HTTP: the descriptor is the caller's. -1 when there is no connection.
+[[nodiscard]] int connect_http(const char* host, int port);
+[[nodiscard]] int send_http_buf(int socket, const void* data, size_t length);
+[[nodiscard]] int send_http_str(int socket, const char* text);
+[[nodiscard]] int recv_http(int socket, char* buffer, size_t size, int seconds, FILE* file);
+
+// -1: text has no status line; 1: not a redirect, or one whose location has no end of line; 0: a
+// 302, whose location, if it has one, now stands at the start of text.
+int check_http_redirect(char* text);

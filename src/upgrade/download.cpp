@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "upgrade/download.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "base/shell.h"
+#include "base/text.h"
+#include "config/settings.h"
+#include "device/hosts.h"
+#include "device/url.h"
+#include "log/tb_log.h"
+#include "net/dns.h"
+#include "net/transfer.h"
+#include "upgrade/report.h"
+#include "upgrade/request.h"
+
+namespace {
+
+constexpr const char* FUNCTION = "download_run";
+constexpr const char* DOWNLOAD_FOLDER = "/tmp/dl_cloud/";
+constexpr useconds_t POLL_PAUSE = 500'000;  // microseconds
+constexpr int POLL_LIMIT = 1200;            // about ten minutes
+constexpr int CHILD_EXIT = 127;
+constexpr off_t NO_FILE = -1;
+
+std::atomic<int> download_attempts = 0;  // odd: wget
+
+struct job {
+    app_info* entry = nullptr;
+    const app_info* remote = nullptr;
+    bool use_wget = false;
+    char target[PACKAGE_PATH_SIZE] = {};
+};
+
+off_t file_size(const char* path) {
+    struct stat info = {};
+    return stat(path, &info) == 0 ? info.st_size : NO_FILE;
+}
+
+// False once the user has stopped this download, also when another has begun since. The caller
+// holds the lock.
+bool is_current(const app_info& entry) {
+    return entry.status == APP_DOWNLOADING &&
+           pthread_equal(entry.download_thread, pthread_self()) != 0;
+}
+
+bool still_wanted(const app_info& entry) {
+    const app_list_guard guard;
+    return is_current(entry);
+}
+
+// Sets the status unless the download has been stopped meanwhile.
+void end_with(app_info* entry, int status) {
+    const app_list_guard guard;
+    if (is_current(*entry)) {
+        entry->status = status;
+    }
+}
+
+bool is_usable_link(const char* link) {
+    // Anything else in front could be taken for an option by wget.
+    const char first = link != nullptr ? link[0] : '\0';
+    return (first >= 'a' && first <= 'z') || (first >= 'A' && first <= 'Z') ||
+           (first >= '0' && first <= '9');
+}
+
+bool find_target(job* work) {
+    const char* name = work->remote->version_name.get();
+    if (!is_empty(name) && !package_path(name, &work->target)) {
+        log_err(FUNCTION, __LINE__, "package name %s is no plain file name", name);
+    }
+    return work->target[0] != '\0' && is_usable_link(work->remote->link.get());
+}
+
+bool prepare(job* work) {
+    app_info* entry = work->entry;
+    if (work->remote == nullptr) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "no new version, exit download");
+        end_with(entry, APP_CHECK_FAILED);
+        return false;
+    }
+    if (check_memory(*work->remote) != 0) {
+        log_err(FUNCTION, __LINE__, "havn't enough memory for download %s, size %dk",
+                entry->app_name.get(), work->remote->size / 1024);
+        set_upgrade_requested(entry, 0);
+        end_with(entry, APP_DOWNLOAD_FAILED);
+        report_upgrade_result(*entry, "no memory");
+        return false;
+    }
+    if (!find_target(work)) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
+                "no version name or download url, exit download");
+        set_upgrade_requested(entry, 0);
+        end_with(entry, APP_CHECK_FAILED);
+        return false;
+    }
+    return true;
+}
+
+// wget knows only the system's resolver; the daemon's own may know more.
+void pin_host(const char* link) {
+    char host[256] = {};
+    char path[1024] = {};
+    char address[IPV4_TEXT_SIZE] = {};
+    int port = 443;
+    split_url(link, host, path, &port, sizeof host, sizeof path);
+    if (dns_lookup(host, &address) == 0 && address[0] != '\0') {
+        checkHostsFile(host, address);
+    }
+}
+
+// The child is a copy of a process with several threads, any of whose locks may have been taken
+// for good: should it hang on one, the parent's poll limit ends it.
+[[noreturn]] void run_child(const job& work, pid_t parent) {
+    // It holds the daemon's sockets, so it must not outlive the daemon.
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(CHILD_EXIT);
+    }
+    const int null_device = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null_device >= 0) {
+        (void)dup2(null_device, STDOUT_FILENO);
+        (void)dup2(null_device, STDERR_FILENO);
+    }
+    run_shell("mkdir -p /tmp/dl_cloud/");
+    const char* link = work.remote->link.get();
+    if (work.use_wget) {
+        sigset_t none;
+        sigemptyset(&none);
+        (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+        execlp("wget", "wget", "-O", work.target, link, static_cast<char*>(nullptr));
+    } else {
+        (void)download_file(link, work.target);  // the parent judges by the file's size
+    }
+    _exit(CHILD_EXIT);
+}
+
+pid_t start_child(const job& work) {
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child == 0) {
+        run_child(work, parent);
+    }
+    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "new process %d download %s using %s", child,
+            work.target, work.use_wget ? "wget" : "internal function");
+    return child;
+}
+
+void log_child(pid_t child, const char* target, const char* how) {
+    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "process %d download %s %s", child, target, how);
+}
+
+// Waits for the child to end, or ends it. False when the download has been stopped.
+bool watch_child(const job& work, pid_t child) {
+    const off_t most = std::max<off_t>(work.remote->size, file_size(work.target));
+    for (int polls = 0;; polls++) {
+        if (waitpid(child, nullptr, WNOHANG) != 0) {
+            log_child(child, work.target, "finish");
+            return true;
+        }
+        if (!still_wanted(*work.entry)) {
+            (void)kill(child, SIGKILL);  // left unreaped: nobody waits for a stopped download
+            log_child(child, work.target, "canceled");
+            return false;
+        }
+        if (polls > POLL_LIMIT) {
+            (void)kill(child, SIGKILL);
+            (void)waitpid(child, nullptr, 0);
+            log_child(child, work.target, "timeout");
+            return true;
+        }
+        if (file_size(work.target) > most) {
+            (void)kill(child, SIGKILL);  // more than announced would fill the device's memory
+        }
+        usleep(POLL_PAUSE);
+    }
+}
+
+bool is_complete(const job& work) {
+    const off_t size = file_size(work.target);
+    if (size == NO_FILE) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download %s failed", work.target);
+        return false;
+    }
+    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download_run %s st_size:%d, size:%d",
+            work.entry->app_name.get(), static_cast<int>(size), work.remote->size);
+    if (size != work.remote->size) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download %s failed, size %d(%d)", work.target,
+                work.remote->size, static_cast<int>(size));
+        return false;
+    }
+    return true;
+}
+
+void fail(const job& work) {
+    download_attempts++;
+    // Before the status: once that is set, the next download may write the same file.
+    run_shell_format("rm -f %s", shell_word(work.target).c_str());
+    end_with(work.entry, APP_DOWNLOAD_FAILED);
+    report_upgrade_result(*work.entry, "download failed");
+}
+
+}  // namespace
+
+bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]) {
+    (*out)[0] = '\0';
+    if (is_empty(version_name) || strchr(version_name, '/') != nullptr ||
+        strcmp(version_name, ".") == 0 || strcmp(version_name, "..") == 0) {
+        return false;
+    }
+    if (!format_text(*out, "%s%s", DOWNLOAD_FOLDER, version_name)) {
+        (*out)[0] = '\0';
+        return false;
+    }
+    return true;
+}
+
+void* download_run(void* entry) {
+    (void)pthread_detach(pthread_self());
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    job work = {.entry = static_cast<app_info*>(entry)};
+    const app_info_ptr remote = copy_remote(*work.entry);
+    work.remote = remote.get();
+    if (!prepare(&work)) {
+        return nullptr;
+    }
+    work.use_wget = download_attempts % 2 != 0;
+    if (work.use_wget && text_of(pluginmgr_config.device_model) != "BRIX") {
+        pin_host(remote->link.get());
+    }
+    // The status is "downloading" since the thread was started; setting it again here would undo
+    // a stop.
+    const pid_t child = start_child(work);
+    if (child > 0 && !watch_child(work, child)) {
+        return nullptr;
+    }
+    if (is_complete(work)) {
+        end_with(work.entry, APP_DOWNLOADED);
+    } else {
+        fail(work);
+    }
+    log_msg(LOG_SERVICE, 7, __func__, __LINE__, "download_run thread for %s exit, status %d",
+            work.entry->app_name.get(), work.entry->status.load());
+    return nullptr;
+}

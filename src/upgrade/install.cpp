@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "upgrade/install.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "base/handles.h"
+#include "base/result.h"
+#include "base/shell.h"
+#include "base/text.h"
+#include "config/settings.h"
+#include "log/tb_log.h"
+#include "upgrade/download.h"
+#include "upgrade/report.h"
+#include "upgrade/signature.h"
+#include "upgrade/version_list.h"
+
+std::atomic<int> upgrade_busy = 0;
+
+namespace {
+
+constexpr const char* FUNCTION = "upgrade_process";
+constexpr const char* RESULT_FILE = "/tmp/up_cloud/up_stat";  // its size is the result
+constexpr const char* MESSAGE_FILE = "/tmp/up_cloud/up_msg";
+constexpr off_t RESULT_SUCCESS = 10;
+constexpr off_t RESULT_PARTIAL = 2;
+constexpr size_t MESSAGE_SIZE = 128 + 1;
+constexpr size_t SIGNATURE_TEXT_SIZE = 100;
+
+bool find_package(const app_info& remote, char (*package)[PACKAGE_PATH_SIZE]) {
+    if (!package_path(remote.version_name.get(), package)) {
+        log_err(FUNCTION, __LINE__, "package name %s is no plain file name",
+                text_or(remote.version_name, "(null)"));
+        return false;
+    }
+    return access(*package, F_OK) == 0;
+}
+
+// Takes the one install for entry. False when another was faster or the user has stopped it.
+bool begin_install(app_info* entry) {
+    if (upgrade_busy.exchange(1) == 1) {
+        return false;
+    }
+    int expected = APP_DOWNLOADED;
+    if (!entry->status.compare_exchange_strong(expected, APP_INSTALLING)) {
+        upgrade_busy = 0;
+        return false;
+    }
+    return true;
+}
+
+void refuse(app_info* entry, const char* package, int status, const char* reason) {
+    (void)unlink(package);
+    entry->status = status;
+    report_upgrade_result(*entry, reason);
+}
+
+bool verify_package(app_info* entry, const app_info& remote, const char* package) {
+    char signature[SIGNATURE_TEXT_SIZE] = {};
+    const char* name = entry->app_name.get();
+    if (pluginmgr_config.check_signature != 1) {
+        return true;
+    }
+    if (is_empty(remote.signature.get())) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
+                "%s version info havn't signature, refuse upgrade.", name);
+        refuse(entry, package, APP_NO_SIGNATURE, "not found signature");
+        return false;
+    }
+    if (upgrade_signature(package, remote.version.get(), signature, sizeof signature) != 0 ||
+        strcmp(signature, remote.signature.get()) != 0) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
+                "%s version signature not match, refuse upgrade.", name);
+        refuse(entry, package, APP_BAD_SIGNATURE, "signature not match");
+        return false;
+    }
+    return true;
+}
+
+// The only place where the thread can be cancelled: no lock, log line or exchange is under way.
+int run_cancellable(const char* command) {
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    pthread_testcancel();
+    const int result = run_shell(command);
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    return result;
+}
+
+void run_install_script(const char* package) {
+    const std::string command =
+        std::string(INSTALL_SCRIPT) + ' ' + shell_word(package) + " >/dev/null";
+    int result = run_cancellable(command.c_str());
+    if (result > 0) {
+        generateInstallShell(INSTALL_SCRIPT);
+        log_err(FUNCTION, __LINE__, "command:%s fail with %d, try again!", command.c_str(), result);
+        result = run_cancellable(command.c_str());
+    }
+    log_msg(LOG_SERVICE, 7, FUNCTION, __LINE__, "%d command:%s ,return %d", getpid(),
+            command.c_str(), result);
+}
+
+void read_message(char (&message)[MESSAGE_SIZE]) {
+    const file_ptr file(fopen(MESSAGE_FILE, "re"));
+    if (file && fgets(message, sizeof message, file.get()) != nullptr) {
+        message[strcspn(message, "\n")] = '\0';
+    }
+}
+
+void record_new_version(app_info* entry, const app_info& remote) {
+    text_ptr version_name = heap_text(remote.version_name.get());
+    text_ptr version = heap_text(remote.version.get());
+    {
+        const app_list_guard guard;
+        entry->version_name.swap(version_name);
+        entry->version.swap(version);
+    }
+    dumpVersionToFile();
+}
+
+void log_result(const app_info& entry, off_t result, const char* message) {
+    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "%s upgrade result %d(%s)", entry.app_name.get(),
+            static_cast<int>(result), message);
+}
+
+void judge_result(app_info* entry, const app_info& remote) {
+    struct stat info = {};
+    if (stat(RESULT_FILE, &info) != 0) {
+        entry->status = APP_INSTALL_FAILED;
+        report_upgrade_result(*entry, "fail");
+        return;
+    }
+    if (info.st_size == RESULT_SUCCESS) {
+        report_upgrade_result(*entry, "ok");
+        log_result(*entry, info.st_size, "");
+        record_new_version(entry, remote);
+        // Last of all: an upgrade of the daemon itself ends the process soon after.
+        entry->status = APP_INSTALLED;
+        return;
+    }
+    char message[MESSAGE_SIZE] = {};
+    read_message(message);
+    entry->status = info.st_size == RESULT_PARTIAL ? APP_INSTALL_PARTIAL : APP_INSTALL_FAILED;
+    report_upgrade_result(*entry, message);
+    log_result(*entry, info.st_size, message);
+}
+
+void install(app_info* entry) {
+    char package[PACKAGE_PATH_SIZE] = {};
+    const app_info_ptr remote = copy_remote(*entry);
+    if (!remote) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "no new version, exit upgrade");
+        return;
+    }
+    if (!find_package(*remote, &package)) {
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "file not found, exit upgrade");
+        int expected = APP_DOWNLOADED;
+        (void)entry->status.compare_exchange_strong(expected, APP_INSTALL_FAILED);
+        return;
+    }
+    if (!begin_install(entry)) {
+        return;
+    }
+    if (verify_package(entry, *remote, package)) {
+        run_install_script(package);
+        judge_result(entry, *remote);
+    }
+    upgrade_busy = 0;
+}
+
+}  // namespace
+
+void* upgrade_process(void* entry) {
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    (void)pthread_detach(pthread_self());
+    auto* app = static_cast<app_info*>(entry);
+    install(app);
+    const app_list_guard guard;
+    app->upgrade_thread_runs = false;
+    return nullptr;
+}
+
+int generateInstallShell(const char* path) {
+    file_ptr file(fopen(path, "we"));
+    const bool written = file && fprintf(file.get(), "#!/bin/sh\n%s\n", INSTALL_SCRIPT_BODY) > 0 &&
+                         fflush(file.get()) == 0;
+    if (!written) {
+        log_err(__func__, __LINE__, "create file %s error: %s", path, strerror(errno));
+        return FAILED;
+    }
+    file.reset();  // a script that is still open for writing cannot be run
+    run_shell_format("chmod +x %s", shell_word(path).c_str());
+    return 0;
+}

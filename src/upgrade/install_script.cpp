@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "upgrade/install.h"
+
+// Two jobs: "untar_web [BRIX]" unpacks the web pages that came with the firmware; a path installs
+// that package, whose own install.sh leaves its result in /tmp/up_cloud.
+const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
+    if [ -e /var/bin/cloud_web.tar.gz ]; then
+        tar zxf /var/bin/cloud_web.tar.gz -C /tmp 2>/dev/null
+    elif [ -e /var/bin/cloud_web.tar.bz2 ]; then
+        cp /var/bin/cloud_web.tar.bz2 /tmp
+        bunzip2 -f /tmp/cloud_web.tar.bz2
+        tar xf /tmp/cloud_web.tar -C /tmp
+        rm -f /tmp/cloud_web.tar
+    fi
+    if [ -e /tmp/web/cloud/index.htm ] && [ "$2" != "BRIX" ]; then
+        count=$(grep -c 'login_web\.htm' /tmp/web/index.htm 2>/dev/null)
+        if [ "${count:-0}" -lt 2 ]; then
+            cp /tmp/web/cloud/index.htm /tmp/web/index.htm
+            for variant in vt6c kq20 brix9k; do
+                if grep -q "static/web/$variant" /tmp/web/js/load_r.js 2>/dev/null; then
+                    cp "/tmp/web/cloud/load_r.$variant.js" /tmp/web/js/load_r.js
+                    break
+                fi
+            done
+        fi
+    fi
+    exit
+fi
+
+if [ -z "$1" ]; then
+    echo "miss param for run cloud_install.sh"
+    exit
+fi
+
+mkdir -p /tmp/up_cloud/
+cd /tmp/up_cloud/ || exit 1
+rm -rf ./* ./.[!.]* ./..?*
+
+tar zxf "$1"
+
+if [ -e install.sh ]; then
+    ./install.sh >/dev/null 2>&1
+elif [ -d tmpCloudPkg ] && [ -e tmpCloudPkg/install.sh ]; then
+    cd tmpCloudPkg || exit 1
+    ./install.sh >/dev/null 2>&1
+    cd /tmp/up_cloud/ || exit 1
+    rm -rf tmpCloudPkg
+else
+    printf '*' >/tmp/up_cloud/up_stat
+    echo "upcompress $1 fail" >/tmp/up_cloud/up_msg
+fi
+
+rm -f "$1")script";

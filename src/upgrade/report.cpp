@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "upgrade/report.h"
+
+#include "base/text.h"
+#include "cloud/events.h"
+
+namespace {
+
+constexpr size_t REPORT_SIZE = 1024;
+
+bool format_report(const app_info& entry, const char* result, char (&report)[REPORT_SIZE]) {
+    const app_list_guard guard;
+    if (!entry.remote || result == nullptr) {
+        return false;
+    }
+    (void)format_text(report, "app_name=%s&version=%s&to_version=%s&upgrade_result=%s",
+                      text_or(entry.app_name, ""), text_or(entry.version, ""),
+                      text_or(entry.remote->version, ""), result);  // a cut report still tells
+    return true;
+}
+
+}  // namespace
+
+void report_upgrade_result(const app_info& entry, const char* result) {
+    char report[REPORT_SIZE] = {};
+    if (format_report(entry, result, report)) {
+        set_upgrade_report(report);
+        (void)pluginmgr_api(nullptr, "report_upgrade");  // never repeated
+    }
+}

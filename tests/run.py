@@ -1,0 +1,93 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Runs every test of the project and closes with the line 'N passed, N failed'.
+
+The unit tests run as they are and under ASan and UBSan; each file of tests/system runs in a
+sandbox of its own, several side by side, for they mostly sleep. What a run leaves (output, JUnit
+results, logs of failed tests) is in build/test/. Arguments name system test files to run alone.
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree as xml
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+OUT = ROOT / "build" / "test"
+PYTHON = "/usr/bin/python3"
+LIMIT = 420  # seconds that one job may take
+SANDBOXES = 3 * (os.cpu_count() or 2)
+
+
+def unit_job(preset):
+    """The unit tests of one preset, as (name, command, results file)."""
+    results = OUT / f"unit-{preset}.xml"
+    command = [str(ROOT / "build" / preset / "unit_tests"), f"--gtest_output=xml:{results}"]
+    return (f"unit {preset}", command, results)
+
+
+def system_job(path):
+    """One file of system tests in a sandbox of its own."""
+    out = OUT / path.stem
+    out.mkdir()
+    command = [PYTHON, str(ROOT / "lab" / "sandbox.py"), "--out", str(out), "--", PYTHON, "-m",
+               "pytest", "-q", "-p", "no:cacheprovider", "--junit-xml=/lab-out/results.xml",
+               f"/lab-src/tests/system/{path.name}"]
+    return (f"system {path.stem}", command, out / "results.xml")
+
+
+def counts(results):
+    """Passed and failed tests of a JUnit file; a file that is not there is one failure."""
+    if not results.exists():
+        return 0, 1
+    passed = failed = 0
+    for case in xml.parse(results).iter("testcase"):
+        bad = case.find("failure") is not None or case.find("error") is not None
+        skipped = case.find("skipped") is not None
+        failed += bad
+        passed += not bad and not skipped
+    return passed, failed
+
+
+def run(job):
+    """Runs one job; returns its name, output, counts and seconds."""
+    name, command, results = job
+    began = time.monotonic()
+    try:
+        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              timeout=LIMIT, cwd=ROOT, check=False)
+        output, code = done.stdout.decode(errors="replace"), done.returncode
+    except subprocess.TimeoutExpired as late:
+        output, code = (late.stdout or b"").decode(errors="replace") + "\ntimed out", -1
+    passed, failed = counts(results)
+    if code != 0 and failed == 0:
+        failed = 1
+    (OUT / f"{name.replace(' ', '-')}.log").write_text(output)
+    return name, output, passed, failed, time.monotonic() - began
+
+
+def main(arguments):
+    shutil.rmtree(OUT, ignore_errors=True)
+    OUT.mkdir(parents=True)
+    files = [pathlib.Path(name) for name in arguments]
+    jobs = [] if files else [unit_job("release"), unit_job("asan")]
+    jobs += [system_job(path) for path in
+             files or sorted((ROOT / "tests" / "system").glob("test_*.py"))]
+    passed = failed = 0
+    with concurrent.futures.ThreadPoolExecutor(SANDBOXES) as pool:
+        for future in concurrent.futures.as_completed([pool.submit(run, job) for job in jobs]):
+            name, output, good, bad, seconds = future.result()
+            print(f"{name:32} {good:4} passed {bad:3} failed {seconds:6.1f} s", flush=True)
+            if bad:
+                print(output, flush=True)
+            passed += good
+            failed += bad
+    print(f"{passed} passed, {failed} failed")
+    return 1 if failed or not passed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

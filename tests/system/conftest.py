@@ -1,0 +1,49 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Fixtures of the system tests. They run inside a sandbox:
+
+    python3 lab/sandbox.py --out DIR -- /usr/bin/python3 -m pytest tests/system/test_boot.py"""
+import os
+import re
+
+import pytest
+
+if not os.path.isdir("/lab-src"):
+    pytest.exit("the system tests run inside the lab: " + __doc__, 2)
+
+from lab.device import Device
+from lab.platform import Platform
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    if call.when == "call":
+        item.failed = outcome.get_result().failed
+
+
+@pytest.fixture(scope="session")
+def _platform():
+    return Platform()
+
+
+@pytest.fixture
+def platform(_platform):
+    """The cloud platform, without history."""
+    _platform.reset()
+    return _platform
+
+
+@pytest.fixture
+def device(platform, request):
+    """A device out of the box, its daemon not yet started; call reset() for another one. Nothing
+    of it is left after the test; of a failed test the logs and the platform's journal go to
+    /lab-out/TEST."""
+    one = Device()
+    one.reset()
+    yield one
+    if getattr(request.node, "failed", False):
+        folder = "/lab-out/" + re.sub(r"[^\w.-]+", "_", request.node.name)
+        one.save(folder)
+        with open(folder + "/requests.txt", "w", encoding="latin-1") as file:
+            file.write(platform.journal_text())
+    one.kill_all()

@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "config/ini.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+class ini_files : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        path = std::string(folder) + "/settings.ini";
+    }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    void write(std::string_view text) const { std::ofstream(path, std::ios::binary) << text; }
+    [[nodiscard]] std::string read() const {
+        std::ostringstream text;
+        text << std::ifstream(path, std::ios::binary).rdbuf();
+        return text.str();
+    }
+    [[nodiscard]] std::string look_up(const char* section, const char* key) const {
+        char value[1024] = "untouched";
+        const int code = ini_get(path.c_str(), section, key, value, sizeof value);
+        return code == 0 ? value : std::to_string(code) + (*value == 'u' ? "" : " and touched");
+    }
+
+    char folder[32] = "/tmp/ini_test.XXXXXX";
+    std::string path;
+};
+
+struct lookup_row {
+    const char* what;
+    std::string text;
+    const char* key;
+    std::string result;  // the value, or the code's number
+    const char* section = "Config";
+};
+
+TEST_F(ini_files, lookup) {
+    using namespace std::string_literals;
+    const std::string x510(510, 'x');  // a line of 512 with "k=" before it
+    const std::string x509(509, 'x');
+    const lookup_row rows[] = {
+        {"blanks around everything", "  [Config]  \n  key = a b  \n", "key", "a b"},
+        {"tabs before key and value", "[Config]\n\tkey=\t v\n", "key", "v"},
+        {"empty value", "[Config]\nkey=\n", "key", ""},
+        {"second equals sign belongs to the value", "[Config]\nkey=a=b\n", "key", "a=b"},
+        {"no last newline", "[Config]\nkey=v", "key", "v"},
+        {"carriage returns anywhere", "[Con\rfig]\r\nk\rey=v\r\n", "key", "v"},
+        {"zero byte ends a line", "[Config]\nkey=v\0b=1\n"s, "b", "1"},
+        {"form feed stays and ends a line", "[Config]\nkey=v\fb=1\n", "key", "v\f"},
+        {"after a control-Z",
+         "[Config]\nkey=v\x1a"
+         "b=1\n",
+         "b", "1"},
+        {"first key wins", "[Config]\nkey=1\nkey=2\n", "key", "1"},
+        {"first section wins", "[Config]\na=1\n[Config]\nkey=2\n", "key", "-2"},
+        {"comments and empty lines", "[Config]\n#key=1\n\n  # x\nkey=2\n", "key", "2"},
+        {"case matters in keys", "[Config]\nKey=1\n", "key", "-2"},
+        {"case matters in sections", "[config]\nkey=1\n", "key", "-1"},
+        {"prefix of a key", "[Config]\nkey1=1\n", "key", "-2"},
+        {"later section does not count", "[Config]\n[B]\nkey=1\n", "key", "-2"},
+        {"nameless section", "[]\nkey=1\n", "key", "1", ""},
+
+        {"continued", "[Config]\nkey=x+\n  y+\nz\n", "key", "xyz"},
+        {"blank before the sign stays", "[Config]\nkey=x +  \ny\n", "key", "x y"},
+        {"continued to the end of the file", "[Config]\nkey=x+", "key", "x"},
+        {"comment and head as continuation", "[Config]\nkey=x+\n#c+\n[B]\n", "key", "x#c[B]"},
+        {"empty line ends a value", "[Config]\nkey=x+\n\nb=2\n", "b", "2"},
+        {"continuation of another key", "[Config]\na=x+\nkey=1\nkey=2\n", "key", "2"},
+        {"head inside another key", "[A]\na=x+\n[Config]\nkey=1\n", "key", "-1"},
+
+        {"512 characters", "[Config]\nk=" + x510 + "\nb=1\n", "k", x510},
+        {"no line between 512 and its newline", "[Config]\nk=" + x509 + "+\r\ny\n", "k",
+         x509 + "y"},
+        {"rest of a long line is a line", "[Config]\nk=" + x510 + "b=1\n", "b", "1"},
+        {"512 joined", "[Config]\nk=" + x509 + "+\nxyz\n", "k", x509 + "xyz"},
+        {"513 joined", "[Config]\nk=" + x509 + "+\nwxyz\n", "k", "-22"},
+        {"513 joined in another key", "[Config]\nk=" + x509 + "+\nwxyz\nb=1\n", "b", "1"},
+
+        {"no equals sign", "[Config]\nkey\nb=1\n", "b", "-14"},
+        {"no key", "[Config]\n \t=1\nb=1\n", "b", "-14"},
+        {"tab before a head", "[Config]\n\t[B]\nb=1\n", "b", "-14"},
+        {"only tabs", "[Config]\n\t\nb=1\n", "b", "-14"},
+        {"broken line after the key", "[Config]\nb=1\nkey\n", "b", "1"},
+        {"broken key line in another section", "[A]\nrubbish\n[Config]\nb=1\n", "b", "1"},
+        {"broken head before", "[Bro\n[Config]\nb=1\n", "b", "-14"},
+        {"broken head at the section's end", "[Config]\na=1\n[Bro\n", "b", "-14"},
+        {"broken head after the key", "[Config]\nb=1\n[Bro\n", "b", "1"},
+        {"head of two characters", "[B\n[Config]\nb=1\n", "b", "1"},
+        {"empty file", "", "b", "-1"},
+    };
+    for (const lookup_row& row : rows) {
+        write(row.text);
+        EXPECT_EQ(look_up(row.section, row.key), row.result) << row.what;
+    }
+}
+
+TEST_F(ini_files, lookup_cuts_at_the_callers_size) {
+    write("[Config]\nkey=12345678\n");
+    char value[6] = "-----";
+    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 5), 0);
+    EXPECT_EQ(std::string(value, 6), std::string("1234\0\0", 6));
+}
+
+TEST_F(ini_files, files_that_cannot_be_read) {
+    EXPECT_EQ(look_up("Config", "key"), "-10");
+    char value[8] = {};
+    EXPECT_EQ(ini_get(folder, "Config", "key", value, sizeof value), INI_READ_ERROR);
+    EXPECT_EQ(ini_set(folder, "Config", "key", "v"), INI_READ_ERROR);
+    EXPECT_EQ(ini_set((path + "/x").c_str(), "Config", "key", "v"), INI_NOT_CREATED);
+}
+
+struct set_row {
+    const char* what;
+    std::string before;
+    std::string value;
+    int code;
+    std::string after;
+};
+
+TEST_F(ini_files, set) {
+    const std::string long_value(509, 'x');
+    const std::string one = "[Config]\nkey=1\n";
+    const set_row rows[] = {
+        {"empty file", "", "v", 0, "[Config]\nkey=v\n"},
+        {"other section", "[A]\nkey=1\n", "v", 0, "[A]\nkey=1\n[Config]\nkey=v\n"},
+        {"no last newline", "[A]\nkey=1", "v", 0, "[A]\nkey=1\n[Config]\nkey=v\n"},
+        {"file ends in mid-value", "[A]\na=x+\n", "v", 0, "[A]\na=x+\n\n[Config]\nkey=v\n"},
+        {"new key after the head", "[A]\n[Config]\n# c\nb=1\n", "v", 0,
+         "[A]\n[Config]\nkey=v\n# c\nb=1\n"},
+        {"replaced in place", "#\r\n[Config]\r\na=1\n key = 1\nb=2", "v", 0,
+         "#\n[Config]\na=1\nkey=v\nb=2\n"},
+        {"with its continuation lines", "[Config]\nkey=1+\n2+\n3\nb=2\n", "v", 0,
+         "[Config]\nkey=v\nb=2\n"},
+        {"shorter file", "[Config]\nkey=" + long_value.substr(1) + "\n", "", 0, "[Config]\nkey=\n"},
+        {"value that continues takes nothing in", "[Config]\nkey=1\nb=2\n", "v+", 0,
+         "[Config]\nkey=v+\n\nb=2\n"},
+        {"broken section", "[Config]\nrubbish\n", "v", INI_MALFORMED, "[Config]\nrubbish\n"},
+        {"second line in the value", one, "v\nb=2", INI_WRITE_ERROR, one},
+        {"the same for the other line ends", one, "v\fb=2", INI_WRITE_ERROR, one},
+        {"longest line", one, long_value.substr(1), 0,
+         "[Config]\nkey=" + long_value.substr(1) + "\n"},
+        {"one more would read as two lines", one, long_value, INI_WRITE_ERROR, one},
+    };
+    for (const set_row& row : rows) {
+        write(row.before);
+        EXPECT_EQ(ini_set(path.c_str(), "Config", "key", row.value.c_str()), row.code) << row.what;
+        EXPECT_EQ(read(), row.after) << row.what;
+    }
+}
+
+TEST_F(ini_files, set_keeps_the_file_itself_and_makes_a_missing_one) {
+    EXPECT_EQ(ini_set(path.c_str(), "Config", "key", "v"), 0);
+    struct stat before = {};
+    struct stat after = {};
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    EXPECT_EQ(ini_set(path.c_str(), "Config", "key", "w"), 0);
+    ASSERT_EQ(stat(path.c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(read(), "[Config]\nkey=w\n");
+}
+
+TEST_F(ini_files, lists) {
+    write("[A]\na=1+\n[no head]\nb=2\n[]\n[" + std::string(80, 'n') + "]\nrubbish\n");
+    ini_name names[4] = {};
+    ASSERT_EQ(ini_list_sections(path.c_str(), names), 3);
+    EXPECT_STREQ(names[0].text, "A");
+    EXPECT_STREQ(names[1].text, "");
+    EXPECT_EQ(std::string(names[2].text), std::string(63, 'n'));
+    EXPECT_EQ(ini_list_sections(path.c_str(), std::span(names, 1)), 1);
+
+    ASSERT_EQ(ini_list_keys(path.c_str(), "A", names), 2);
+    EXPECT_STREQ(names[0].text, "a");
+    EXPECT_STREQ(names[1].text, "b");
+    EXPECT_EQ(ini_list_keys(path.c_str(), "", names), 0);
+    EXPECT_EQ(ini_list_keys(path.c_str(), "B", names), INI_NO_SECTION);
+    EXPECT_EQ(ini_list_keys(path.c_str(), std::string(80, 'n'), names), INI_MALFORMED);
+    EXPECT_EQ(ini_list_sections("/nonexistent", names), INI_NOT_OPENED);
+    EXPECT_EQ(ini_list_keys("/nonexistent", "A", names), INI_NOT_OPENED);
+}
+
+TEST_F(ini_files, copy) {
+    const std::string target = std::string(folder) + "/copy";
+    const std::string text = std::string(3000, 'x') + "\nlast";
+    std::ofstream(target) << std::string(5000, 'y');
+    write(text);
+    EXPECT_EQ(copy_file(path.c_str(), target.c_str()), 0);
+    path = target;
+    EXPECT_EQ(read(), text);
+
+    EXPECT_EQ(copy_file("/nonexistent", target.c_str()), INI_NOT_OPENED);
+    EXPECT_EQ(copy_file(target.c_str(), folder), INI_NOT_CREATED);
+    EXPECT_EQ(copy_file(folder, target.c_str()), INI_READ_ERROR);
+    EXPECT_EQ(copy_file(target.c_str(), "/dev/full"), INI_WRITE_ERROR);
+    EXPECT_EQ(read(), text);
+}
+
+}  // namespace

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// The verbs of pluginctl. Each talks to the daemon, prints what people or programs want to see and
+// returns the program's exit status.
+#pragma once
+
+#include <span>
+
+#include "client.h"
+
+constexpr int EXIT_DONE = 0;
+constexpr int EXIT_NOT_DONE = 1;  // the daemon answered with an error, or the upgrade failed
+constexpr int EXIT_USAGE = 2;
+constexpr int EXIT_NOBODY = 3;  // no answer
+
+struct command_context {
+    const client& daemon;
+    double timeout;  // seconds for an answer
+    bool json;       // print the daemon's JSON
+    bool watch;      // follow an upgrade to its end
+};
+
+using arguments = std::span<char* const>;
+
+int run_status(const command_context& context, arguments words);
+int run_check(const command_context& context, arguments words);
+int run_update(const command_context& context, arguments words);
+int run_cancel(const command_context& context, arguments words);
+int run_get(const command_context& context, arguments words);
+int run_set(const command_context& context, arguments words);
+int run_raw(const command_context& context, arguments words);
