@@ -306,13 +306,15 @@ def main():
             except (Missing, OSError, ValueError, subprocess.TimeoutExpired) as problem:
                 missing.append(f"{name}: not measured, {problem}")
     print_table(rows)
-    print(f"medians of {options.rounds} alternating runs; {os.cpu_count()} processors")
+    print(f"medians of {options.rounds} alternating runs; {os.cpu_count()} processors; "
+          f"load {os.getloadavg()[0]:.1f}")
+    print("PSS falls as others on the machine use the same libraries; read it on a quiet one.")
     for line in missing:
         print(line)
-    different = (needed_libraries(options.build / "pluginmgr") ^
-                 needed_libraries(options.bench / "empty_threads"))
-    if different:
-        print("the daemon and the empty program differ in libraries:", *sorted(different))
+    daemon, empty = (needed_libraries(options.build / name)
+                     for name in ("pluginmgr", "bench/empty_threads"))
+    if daemon and empty and daemon != empty:
+        print("the daemon and the empty program differ in libraries:", *sorted(daemon ^ empty))
     if options.json:
         options.json.write_text(json.dumps(
             {"rows": rows, "missing": missing, **options.details}, indent=2) + "\n")

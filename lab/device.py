@@ -16,15 +16,18 @@ DAEMON = "/var/run/pluginmgr"
 PID_FILE = DAEMON + ".pid"
 CONTROL_SOCKET = DAEMON + "_ctl"
 CONTROL_PORT = ("127.0.0.1", 6907)
+CONTROL_PORT_LISTED = "0100007F:%04X" % CONTROL_PORT[1]  # as /proc/net/udp has it
 INI = "/var/config/cloud/pluginmgr.ini"
 AGENT_INI = "/var/config/cloud/cloudae.ini"
 VERSION_LIST = "/var/config/cloud/cloud_plugin_version.json"
 FLASH = "/dev/rkflash0p4"
-DEBUG_LOG, ERROR_LOG, MESSAGE_LOG = (f"/var/log/plugin_{kind}.log" for kind in ("debug", "err", "msg"))
+DEBUG_LOG, ERROR_LOG = "/var/log/plugin_debug.log", "/var/log/plugin_err.log"
+MESSAGE_LOG = "/var/log/plugin_msg.log"
 HOSTS = "/etc/hosts"
 WIPED = ("/var/config/cloud", "/var/run", "/var/log", "/var/tmp", "/var/bin", "/var/lib", "/tmp")
 AGENTS = ("cloudae", "cloudsafety")
 AGENT_SOURCE = "/lab-src/lab/agents/agent.py"
+NEXT_DAEMON = "/lab-build/lab/pluginmgr_next"  # the same daemon under a higher version
 LAB = "/run/lab/"
 FAKE_TIME_FILE = LAB + "faketime"
 DAEMON_OUTPUT = LAB + "daemon.out"
@@ -82,6 +85,13 @@ def agent_program(version="1.0.30"):
         return file.read().replace('VERSION = "1.0.30"', f'VERSION = "{version}"').encode()
 
 
+def plugin_files(name, version):
+    """What a package of an application of the device brings, for `files` of lab.package.build."""
+    if name == "pluginmgr":
+        return {DAEMON: NEXT_DAEMON}
+    return {"/var/run/" + name: agent_program(version)} if name in AGENTS else {}
+
+
 def install(path, data):
     """Puts a program in place by a rename, so that a running one is not written into."""
     with open(path + ".new", "wb") as file:
@@ -135,7 +145,8 @@ class Agent:
 
     def pid(self):
         """Of the running agent, None when it does not run."""
-        pids = [pid for pid in device_processes() if read_text(f"/proc/{pid}/comm").strip() == self.name]
+        pids = [pid for pid in device_processes()
+                if read_text(f"/proc/{pid}/comm").strip() == self.name]
         return pids[-1] if pids else None
 
     def send(self, kind, text=""):
@@ -144,7 +155,8 @@ class Agent:
             one.sendto(json.dumps({"type": kind, "text": text}).encode(), self._files + ".command")
 
     def wait_started(self, count=1, timeout=15):
-        return wait_until(lambda: self.starts()[count - 1:], timeout, f"start {count} of {self.name}")[0]
+        what = f"start {count} of {self.name}"
+        return wait_until(lambda: self.starts()[count - 1:], timeout, what)[0]
 
     def forget(self):
         for suffix in (".json", ".journal", ".command", ".ctl"):
@@ -214,7 +226,8 @@ class Device:
         def section(name, values):
             lines = [f"{key}={value}\n" for key, value in values.items() if value is not None]
             return f"[{name}]\n" + "".join(lines) if lines else ""
-        write_text(INI, section("Config", DEFAULT_SETTINGS | settings) + section("Update", update or {}))
+        config = section("Config", DEFAULT_SETTINGS | settings)
+        write_text(INI, config + section("Update", update or {}))
 
     def write_plugins(self, plugins):
         entries = plugins if isinstance(plugins, list) else [
@@ -260,8 +273,19 @@ class Device:
                                      start_new_session=True)
         self._children.append(child)
         if ready:
-            self.wait_log("pluginmgr thread start - fd=", 30)
+            self.wait_ready(child)
         return child
+
+    def is_ready(self):
+        """Whether the daemon that holds the pid file has opened the control port. Its log is no
+        sign: a line that meets another thread's is left out."""
+        return self.pid() in self.daemons() and CONTROL_PORT_LISTED in read_text("/proc/net/udp")
+
+    def wait_ready(self, child, timeout=30):
+        def ready_or_gone():
+            assert child.poll() is None, f"the daemon ended: {child.returncode}, {self.errors()}"
+            return self.pid() == child.pid and self.is_ready()
+        wait_until(ready_or_gone, timeout, "the start of the daemon")
 
     def shift_time(self, seconds):
         """Sets the daemon's wall clock this far from the real one (negative: back)."""
@@ -285,9 +309,9 @@ class Device:
         return [pid for pid, parent in running.items() if parent not in running]
 
     def wait_new_pid(self, old, timeout=20):
-        """The pid of the daemon that took over from `old`, once it has the pid file."""
-        return wait_until(lambda: self.pid() not in (None, old) and self.pid() in self.daemons()
-                          and self.pid(), timeout, "a restart of the daemon")
+        """The pid of the daemon that took over from `old`, once it is ready."""
+        return wait_until(lambda: self.pid() != old and self.is_ready() and self.pid(),
+                          timeout, "a restart of the daemon")
 
     def stop(self, number=signal.SIGTERM, timeout=10):
         """Sends the daemon that start() made last a signal; its exit status (-N: killed by N)."""
@@ -322,8 +346,9 @@ class Device:
         return [line for line in self.log().splitlines() if text in line]
 
     def wait_log(self, text, timeout=10, count=1):
-        """The count-th line of the debug log that holds the text."""
-        return wait_until(lambda: self.log_lines(text)[count - 1:], timeout, f"log line {text!r}")[0]
+        """The count-th line of the debug log that holds the text; see is_ready() for the limits."""
+        lines = wait_until(lambda: self.log_lines(text)[count - 1:], timeout, f"log line {text!r}")
+        return lines[0]
 
     # -- control protocol -------------------------------------------------------------------------
 
@@ -405,7 +430,8 @@ class Device:
     def save(self, folder):
         """Copies the logs and the settings, for a failed test."""
         os.makedirs(folder, exist_ok=True)
-        files = [f"/var/log/{name}" for name in os.listdir("/var/log") if name.startswith("plugin_")]
+        logs = filter(lambda name: name.startswith("plugin_"), os.listdir("/var/log"))
+        files = [f"/var/log/{name}" for name in logs]
         files += [INI, HOSTS, DAEMON_OUTPUT] + [f"{LAB}{name}.journal" for name in AGENTS]
         for path in filter(os.path.isfile, files):
             shutil.copy(path, folder)

@@ -12,7 +12,7 @@ import sys
 import threading
 
 from . import deployment
-from .device import AGENTS, Device, agent_program, install
+from .device import Device, install, plugin_files
 from .package import build
 from .platform import ADDRESSES, Answer, Platform
 from .platform.host import FAULTS
@@ -49,9 +49,8 @@ class Lab:
 
     def offer(self, name, version, *options):
         """offer NAME VERSION [--force] [--bad] [--http] [--size BYTES]   put a package on offer"""
-        files = {f"/var/run/{name}": agent_program(version)} if name in AGENTS else {}
         padding = int(options[options.index("--size") + 1]) if "--size" in options else 200000
-        package = build(name, version, files=files, padding=padding)
+        package = build(name, version, files=plugin_files(name, version), padding=padding)
         changes = {"signature": "0" * 40} if "--bad" in options else {}
         offer = self.platform.cloud.offer(package, "http" if "--http" in options else "https",
                                           force="--force" in options, **changes)

@@ -111,5 +111,6 @@ class NameServers:
         addresses = (known or []) if reply.addresses is None else reply.addresses
         unknown = known is None and reply.addresses is None and not reply.cname
         rcode = reply.rcode if reply.rcode is not None else NO_SUCH_NAME if unknown else 0
-        return dataclasses.replace(reply, rcode=rcode, addresses=addresses if kind == TYPE_A else [],
-                                   pointer_loop=reply.pointer_loop and kind == TYPE_A)
+        if kind != TYPE_A:
+            addresses = []
+        return dataclasses.replace(reply, rcode=rcode, addresses=addresses)

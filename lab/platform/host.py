@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """One host of the platform: its listeners, its connections, its rules and its faults."""
-import fnmatch
 import dataclasses
+import fnmatch
 import socket
 import ssl
 import struct
 import threading
 import time
 
-from .messages import LONGEST_HEADER, Answer, Request, parse_header, split_request
+from .messages import LONGEST_HEADER, Request, parse_header, split_request
 
 IDLE_SECONDS = 600  # a kept-alive connection that says nothing
 RESET_ON_CLOSE = struct.pack("ii", 1, 0)
@@ -19,7 +19,7 @@ FAULTS = ("refuse", "stall", "close", "reset", "mute")
 class Rule:
     """Overrides the standard answer for the requests it matches; the newest rule comes first."""
     pattern: str              # fnmatch pattern of "METHOD /path"
-    answer: object            # Answer, or a callable that makes one (or None: no opinion) of a Request
+    answer: object            # Answer, or a callable: Request -> Answer, or None for no opinion
     times: int | None = None  # uses left, None for any number
 
 

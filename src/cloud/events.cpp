@@ -90,14 +90,14 @@ int unknown_event(const event_call& call) {
 }
 
 int prepare_signed_query(event_call& call) {
+    char timestamp[24] = {};
     char mac[MAC_TEXT_SIZE] = {};
+    char signature[100] = {};
+    format_text(timestamp, "%lld", static_cast<long long>(time(nullptr)));
     if (get_mac_text(&mac) != 0) {
         log_err(__func__, __LINE__, "cann't get device mac address");
         return ERR_NO_MAC;
     }
-    char timestamp[24] = {};
-    char signature[100] = {};
-    format_text(timestamp, "%lld", static_cast<long long>(time(nullptr)));
     (void)sign_request(SIGN_DEVICE, mac, timestamp, signature, sizeof signature);  // kind 1 is 0
     format_text(call.signed_query, "?device_mac=%s&timestamp=%s&sign=%s", mac, timestamp,
                 signature);

@@ -5,8 +5,6 @@
 
 #include <cstddef>
 
-#include "base/handles.h"
-
 // Two lower-case digits a byte, written while more than 2 bytes of out are left; then the
 // terminator, if size is at least 1. So a size of 2n + 1 holds n bytes.
 void hex_encode(const void* bytes, size_t count, char* out, size_t size);

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 constexpr size_t MD5_DIGEST_SIZE = 16;
 constexpr size_t MD5_BLOCK_SIZE = 64;

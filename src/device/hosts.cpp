@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 
 #include <cstring>
-#include <string_view>
 
 #include "base/shell.h"
 #include "base/text.h"
@@ -23,11 +22,9 @@ bool is_dotted_ipv4(const char* ip) {
     return ip != nullptr && inet_pton(AF_INET, ip, &address) == 1;
 }
 
-bool is_domain(const char* domain) {
-    constexpr std::string_view ALLOWED =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
-    return !is_empty(domain) &&
-           std::string_view(domain).find_first_not_of(ALLOWED) == std::string_view::npos;
+// Such a word means nothing to the shell, nor to sed where it stands below.
+bool is_plain_word(const char* text) {
+    return !is_empty(text) && shell_word(text) == text;
 }
 
 bool is_safe_address(const char* ip) {
@@ -40,7 +37,7 @@ bool is_safe_address(const char* ip) {
 }
 
 bool is_safe_pair(const char* domain, const char* ip) {
-    if (!is_domain(domain)) {
+    if (!is_plain_word(domain)) {
         log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "no domain for %s:%s", HOSTS_FILE,
                 domain == nullptr ? "" : domain);
         return false;
@@ -63,7 +60,7 @@ const kv_entry* find_domain(std::span<const kv_entry> table, const char* domain)
 
 void replace_address(const char* old_ip, const char* ip, const char* domain) {
     // An address of another length leaves the line as it is: deliberate.
-    if (strcmp(old_ip, ip) == 0 || strlen(old_ip) != strlen(ip) || !is_safe_address(old_ip)) {
+    if (strcmp(old_ip, ip) == 0 || strlen(old_ip) != strlen(ip) || !is_plain_word(old_ip)) {
         return;
     }
     char command[MAX_REPLACE_COMMAND] = {};

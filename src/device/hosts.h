@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lines of /etc/hosts, changed through the shell's echo and sed. Values that are no plain words
-// are quoted; an address that is not dotted IPv4 never becomes a sed pattern or a line. No state.
+// Lines of /etc/hosts, changed through the shell's echo and sed. A domain that is no plain word
+// (see base/shell.h) or an address that is not dotted IPv4 is refused with a log line. No state.
 #pragma once
 
 // Keeps /etc/hosts mapping domain to ip: replaces the address of a line whose name is domain

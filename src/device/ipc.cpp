@@ -2,6 +2,7 @@
 #include "device/ipc.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@ int pluginmgr_ctl_fd = -1;
 namespace {
 
 constexpr int BIND_FAILED = -2;
+constexpr timeval SEND_LIMIT = {.tv_sec = 1, .tv_usec = 0};
 
 static_assert(sizeof(sockaddr_un::sun_path) == UNIX_PATH_SIZE);
 
@@ -41,6 +43,9 @@ int bindUnixSocket(const char* path) {
         log_err("bindUnixSocket", 360, "can not bind sun_path");
         return BIND_FAILED;
     }
+    // The queue of an agent that has stopped reading fills up after some ten datagrams; who sends
+    // then must come back, or nobody is left to restart the agent.
+    (void)setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &SEND_LIMIT, sizeof SEND_LIMIT);
     return fd.release();
 }
 

@@ -23,7 +23,8 @@ extern int pluginmgr_ctl_fd;
 // socket is to be had, -2 when binding fails; both logged.
 [[nodiscard]] int bindUnixSocket(const char* path);
 
-// Sends one datagram. Bytes sent, or -1; -1 at once for a null or empty destination.
+// Sends one datagram. Bytes sent, or -1: at once for a null or empty destination, after a second
+// for a receiver that does not take it.
 [[nodiscard]] ssize_t sendUnixSocket(int fd, const char* to_path, const void* data, size_t length);
 
 // Receives one datagram of at most size bytes and, when there was one, the sender's path (empty

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The pid file, whose lock lets one copy of the daemon run. The descriptor stays open, and the
-// lock held, for the life of the process. Main thread.
+// lock held, for the life of the process; nothing else in the daemon opens the file, for closing
+// any descriptor of it would drop the lock. Main thread.
 #pragma once
 
 constexpr const char* PID_FILE = "/var/run/pluginmgr.pid";

@@ -5,8 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <cerrno>
+#include <ctime>
 #include <string_view>
 
 #include "base/shell.h"
@@ -63,11 +63,11 @@ struct signal_line {
     }
 };
 
-void block_or_unblock_sigpipe(int how) {
+sigset_t only_sigpipe() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGPIPE);
-    (void)pthread_sigmask(how, &signals, nullptr);  // fails for a bad `how` only
+    return signals;
 }
 
 }  // namespace
@@ -103,13 +103,19 @@ void on_signal(int signo) {
         line.add(mainPid).add(" curPid ").add(getpid()).add(", shouldExit=").add(counted);
         log_from_signal(LOG_LINE, line.text);
     }
-    shouldExit = counted + 1;
+    shouldExit++;
 }
 
 void block_sigpipe() {
-    block_or_unblock_sigpipe(SIG_BLOCK);
+    const sigset_t signals = only_sigpipe();
+    (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // fails for a bad first argument only
 }
 
 void unblock_sigpipe() {
-    block_or_unblock_sigpipe(SIG_UNBLOCK);
+    const sigset_t signals = only_sigpipe();
+    const timespec at_once = {};
+    // Left by a write of the start-up: its send failure has been dealt with.
+    while (sigtimedwait(&signals, nullptr, &at_once) == SIGPIPE || errno == EINTR) {
+    }
+    (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }

@@ -19,6 +19,7 @@ void install_signal_handlers();
 void on_signal(int signo);
 
 // SIGPIPE may interrupt only the idle main thread: a peer that goes away in mid-write is an
-// ordinary send failure everywhere else. Blocked before threads are made, unblocked after.
+// ordinary send failure everywhere else. Blocked before threads are made; unblocked after, and what
+// came to the main thread meanwhile is forgotten.
 void block_sigpipe();
 void unblock_sigpipe();

@@ -65,8 +65,6 @@ int open_tls(https_conn* conn) {
     if (conn->ssl == nullptr) {
         return tls_failure("SSL_new");
     }
-    // A read that meets only a session ticket must come back, not wait for what may never follow.
-    SSL_clear_mode(conn->ssl, SSL_MODE_AUTO_RETRY);
     if (SSL_set_fd(conn->ssl, conn->socket) != 1) {
         return tls_failure("SSL_set_fd");
     }

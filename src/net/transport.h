@@ -35,7 +35,7 @@ void ssl_library_init();
 // Connects within a time limit in seconds; 0 is no limit. 0, or -1 with errno set.
 [[nodiscard]] int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seconds);
 
-// 0 when socket became readable within the seconds, else -1.
+// 0 when socket became readable within the seconds, else -1 with errno (ETIMEDOUT).
 [[nodiscard]] int wait_readable(int socket, int seconds);
 
 // The handshake, up to 8 seconds a wait. The last result of SSL_connect: 1 is success.

@@ -144,6 +144,16 @@ TEST_F(device_files, datagrams_carry_their_senders_path) {
     EXPECT_EQ(bindUnixSocket(file("no/folder").c_str()), -2);
 }
 
+TEST_F(device_files, a_receiver_that_does_not_read_holds_nobody_up) {
+    const unique_fd receiver(bindUnixSocket(file("deaf").c_str()));
+    const unique_fd sender(bindUnixSocket(file("sender").c_str()));
+    ssize_t sent = 1;
+    for (int i = 0; i < 10000 && sent == 1; i++) {
+        sent = sendUnixSocket(sender.get(), file("deaf").c_str(), "x", 1);
+    }
+    EXPECT_EQ(sent, -1);
+}
+
 TEST_F(device_files, long_socket_paths_are_cut) {
     const std::string longest = file("") + std::string(107 - file("").size(), 's');
     const unique_fd receiver(bindUnixSocket((longest + "more").c_str()));

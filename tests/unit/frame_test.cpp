@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include "frame/pid_file.h"
 #include "frame/signals.h"
 #include "frame/startup.h"
+#include "log/tb_log.h"
 
 namespace {
 
@@ -42,9 +45,11 @@ TEST(PidFile, OneHolderAStalePidIsReplaced) {
 
     ASSERT_EQ(lock_pid_file(path.c_str()), 0);
     const std::string mine = std::to_string(getpid()) + '\0';
-    EXPECT_EQ(text_of_file(path), mine);
+    // In children, for this process would lose the lock with any descriptor of the file it closes.
+    const auto shows_mine = [&] { return text_of_file(path) == mine ? 7 : 1; };
+    EXPECT_EQ(in_child(shows_mine), 7);
     EXPECT_EQ(in_child([&] { return lock_pid_file(path.c_str()) == PID_LOCKED ? 7 : 1; }), 7);
-    EXPECT_EQ(text_of_file(path), mine) << "a second copy leaves the first one's id";
+    EXPECT_EQ(in_child(shows_mine), 7) << "a second copy leaves the first one's id";
     EXPECT_EQ(lock_pid_file("/nonexistent/pid"), PID_NOT_OPENED);
 }
 
@@ -57,13 +62,46 @@ TEST(Signals, EndTheDaemonAndAreCountedInAChild) {
               0);
     EXPECT_EQ(in_child([] {
                   mainPid = getppid();
+                  log_set_output(LOG_TO_NONE);
                   on_signal(SIGHUP);
-                  on_signal(SIGTERM);
-                  on_signal(SIGINT);
+                  for (int i = 0; i < 7; i++) {
+                      on_signal(SIGTERM);
+                  }
                   return exit_requested * 100 + shouldExit;
               }),
-              102)
+              107)
         << "SIGHUP is not among the handled ones";
+}
+
+TEST(Signals, FiveOfAChildAreLogged) {
+    testing::internal::CaptureStdout();
+    in_child([] {
+        log_init();
+        mainPid = 1;
+        for (int i = 0; i < 7; i++) {
+            on_signal(SIGTERM);
+        }
+        return 0;
+    });
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::ranges::count(text, '\n'), 10);
+    EXPECT_NE(text.find("] SYSTEM:(247) -  get a signal - 15. exit!!!\n"), std::string::npos);
+    EXPECT_NE(text.find(" ignore signal 15 from children or thread!!! mainPid 1 curPid "),
+              std::string::npos);
+    EXPECT_NE(text.find(", shouldExit=4\n"), std::string::npos);
+}
+
+TEST(Signals, ABrokenPipeOfTheStartUpIsForgotten) {
+    EXPECT_EQ(in_child([] {
+                  int ends[2] = {};
+                  signal(SIGPIPE, SIG_DFL);
+                  block_sigpipe();
+                  const bool failed = pipe(ends) == 0 && close(ends[0]) == 0 &&
+                                      write(ends[1], "x", 1) < 0 && errno == EPIPE;
+                  unblock_sigpipe();
+                  return failed ? 7 : 1;
+              }),
+              7);
 }
 
 TEST(Environment, AppendsWithAColon) {
