@@ -48,7 +48,7 @@ class Scene:
     def __init__(self):
         self.platform, self.device, self.phone = Platform(), Device(), Agent(PHONE)
         self.cloud, self.dns = self.platform.cloud, self.platform.dns
-        self.story = Story("plugin_debug.log, requests.txt")
+        self.story = Story("plugin_debug.log, and requests.txt for what the platform was asked")
         self.see, self.say = self.story.see, self.story.say
         self.shifted = 0
 
@@ -59,14 +59,11 @@ class Scene:
     def pluginctl(self, *words):
         return self.story.run(CONTROL, *words)
 
-    def row(self, text, name):
-        """A plug-in's line in a table of pluginctl, blanks closed up."""
-        return next(" ".join(line.split()) for line in text.splitlines()
-                    if line.startswith(name + " "))
-
-    def see_row(self, claim, text, name, wanted):
-        self.see(claim, lambda: self.row(text, name),
-                 lambda row: row.startswith(f"{name} {wanted}"), lambda _: wanted)
+    def see_row(self, claim, table, name, wanted):
+        """A plug-in's line in a table of pluginctl, without its name and size."""
+        self.see(claim, lambda: [" ".join(line.split()) for line in table.splitlines()],
+                 lambda rows: any(row.startswith(f"{name} {wanted}") for row in rows),
+                 lambda _: wanted)
 
     def status(self, name):
         return self.device.plugins()[name]["status"]
@@ -374,7 +371,7 @@ def save_evidence(s):
 def tell(s):
     for title, chapter in CHAPTERS:
         if chapter is not boot and not s.device.daemons():
-            return s.story.chapter(title, lambda: s.see("the daemon still runs", s.device.daemons))
+            return s.story.chapter(title, s.see, "the daemon runs", s.device.daemons)
         s.story.chapter(title, chapter, s)
 
 

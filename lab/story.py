@@ -33,7 +33,7 @@ class Page:
     """Standard output, with or without a terminal's abilities."""
 
     def __init__(self):
-        self.live = sys.stdout.isatty()
+        self.live = sys.stdout.isatty() and os.environ.get("TERM") != "dumb"
         self.colours = self.live and "NO_COLOR" not in os.environ
         self.width = min(shutil.get_terminal_size((100, 24)).columns, 110)
 
@@ -140,9 +140,11 @@ class Story:
             time.sleep(PAUSE)
 
     def _miss(self, claim, seen):
+        self.page.fact("bad", "✗", claim, seen)
+        if self._patience == PATIENCE:  # the first one of the chapter
+            self.page.fact("bad", " ", "", f"look at {self._look}")
         self.missing.append((self._number, claim))
         self._patience = SHORT_PATIENCE
-        self.page.fact("bad", "✗", claim, f"{seen}; look at {self._look}")
 
     def say(self, text):
         for line in textwrap.wrap(text, self.page.width - len(MARGIN)):

@@ -250,7 +250,7 @@ void* upgrade_run(void* stop) {
 }
 
 void checkAllAppVersion(std::atomic<int>* check_flag) {
-    // Read once: a request that comes during the pass is for the next one.
+    // Read once: a request that comes during a pass without queries is for the next pass.
     const bool query = *check_flag == 1;
     bool server_failed = false;
     for (app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {

@@ -92,8 +92,8 @@ bool prepare(job* work) {
         log_err(FUNCTION, __LINE__, "havn't enough memory for download %s, size %dk",
                 entry->app_name.get(), work->remote->size / 1024);
         set_upgrade_requested(entry, 0);
-        end_with(entry, APP_DOWNLOAD_FAILED);
         report_upgrade_result(*entry, "no memory");
+        end_with(entry, APP_DOWNLOAD_FAILED);
         return false;
     }
     if (!find_target(work)) {
@@ -150,8 +150,10 @@ pid_t start_child(const job& work) {
     if (child == 0) {
         run_child(work, parent);
     }
-    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "new process %d download %s using %s", child,
-            work.target, work.use_wget ? "wget" : "internal function");
+    if (child > 0) {  // without one the missing file is the failure
+        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "new process %d download %s using %s", child,
+                work.target, work.use_wget ? "wget" : "internal function");
+    }
     return child;
 }
 
@@ -203,10 +205,10 @@ bool is_complete(const job& work) {
 
 void fail(const job& work) {
     download_attempts++;
-    // Before the status: once that is set, the next download may write the same file.
     run_shell_format("rm -f %s", shell_word(work.target).c_str());
-    end_with(work.entry, APP_DOWNLOAD_FAILED);
     report_upgrade_result(*work.entry, "download failed");
+    // Last: from then on another download may write the same file, another offer come.
+    end_with(work.entry, APP_DOWNLOAD_FAILED);
 }
 
 }  // namespace

@@ -54,9 +54,15 @@ bool begin_install(app_info* entry) {
     return true;
 }
 
+// Sets the status unless the user has stopped the install meanwhile.
+void end_with(app_info* entry, int status) {
+    int expected = APP_INSTALLING;
+    (void)entry->status.compare_exchange_strong(expected, status);
+}
+
 void refuse(app_info* entry, const char* package, int status, const char* reason) {
     (void)unlink(package);
-    entry->status = status;
+    end_with(entry, status);
     report_upgrade_result(*entry, reason);
 }
 
@@ -94,6 +100,7 @@ int run_cancellable(const char* command) {
 void run_install_script(const char* package) {
     const std::string command =
         std::string(INSTALL_SCRIPT) + ' ' + shell_word(package) + " >/dev/null";
+    (void)unlink(RESULT_FILE);  // an earlier install's must not count when the script cannot run
     int result = run_cancellable(command.c_str());
     if (result > 0) {
         generateInstallShell(INSTALL_SCRIPT);
@@ -127,49 +134,51 @@ void log_result(const app_info& entry, off_t result, const char* message) {
             static_cast<int>(result), message);
 }
 
+// The status comes last: from then on the check cycle may replace the offer, restart the program
+// or, after an upgrade of the daemon itself, end the process.
 void judge_result(app_info* entry, const app_info& remote) {
     struct stat info = {};
     if (stat(RESULT_FILE, &info) != 0) {
-        entry->status = APP_INSTALL_FAILED;
         report_upgrade_result(*entry, "fail");
+        end_with(entry, APP_INSTALL_FAILED);
         return;
     }
     if (info.st_size == RESULT_SUCCESS) {
         report_upgrade_result(*entry, "ok");
         log_result(*entry, info.st_size, "");
         record_new_version(entry, remote);
-        // Last of all: an upgrade of the daemon itself ends the process soon after.
-        entry->status = APP_INSTALLED;
+        end_with(entry, APP_INSTALLED);
         return;
     }
     char message[MESSAGE_SIZE] = {};
     read_message(message);
-    entry->status = info.st_size == RESULT_PARTIAL ? APP_INSTALL_PARTIAL : APP_INSTALL_FAILED;
     report_upgrade_result(*entry, message);
     log_result(*entry, info.st_size, message);
+    end_with(entry, info.st_size == RESULT_PARTIAL ? APP_INSTALL_PARTIAL : APP_INSTALL_FAILED);
 }
 
-void install(app_info* entry) {
+// True when the install had begun, so that upgrade_busy is this thread's.
+bool install(app_info* entry) {
     char package[PACKAGE_PATH_SIZE] = {};
     const app_info_ptr remote = copy_remote(*entry);
     if (!remote) {
         log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "no new version, exit upgrade");
-        return;
+        return false;
     }
     if (!find_package(*remote, &package)) {
         log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "file not found, exit upgrade");
         int expected = APP_DOWNLOADED;
         (void)entry->status.compare_exchange_strong(expected, APP_INSTALL_FAILED);
-        return;
+        return false;
     }
     if (!begin_install(entry)) {
-        return;
+        return false;
     }
     if (verify_package(entry, *remote, package)) {
         run_install_script(package);
         judge_result(entry, *remote);
     }
-    upgrade_busy = 0;
+    return true;
 }
 
 }  // namespace
@@ -178,8 +187,11 @@ void* upgrade_process(void* entry) {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     (void)pthread_detach(pthread_self());
     auto* app = static_cast<app_info*>(entry);
-    install(app);
+    const bool had_begun = install(app);
     const app_list_guard guard;
+    if (had_begun && app->upgrade_thread_runs) {  // not when it has been cancelled, even too late
+        upgrade_busy = 0;
+    }
     app->upgrade_thread_runs = false;
     return nullptr;
 }

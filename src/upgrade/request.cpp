@@ -58,11 +58,12 @@ bool stop_entry(const char* name) {
     if (entry == nullptr) {
         return false;
     }
-    if (entry->status == APP_INSTALLING && entry->upgrade_thread_runs) {
+    // One step: an install that begins meanwhile is either seen here or sees the new status.
+    const int before = entry->status.exchange(APP_IDLE);
+    if (before == APP_INSTALLING && entry->upgrade_thread_runs) {
         (void)pthread_cancel(entry->upgrade_thread);
         entry->upgrade_thread_runs = false;
     }
-    entry->status = APP_IDLE;
     entry->remote->upgrade_requested = 0;
     return true;
 }

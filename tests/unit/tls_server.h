@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A TLS server for tests: one thread on a port that the kernel chose, with a certificate made on
-// the spot. It serves the connections of its script one after the other and keeps what it was sent.
+// the spot. It serves one connection and keeps what it was sent.
 #pragma once
 
 #include <arpa/inet.h>
@@ -28,6 +28,7 @@ struct loopback_socket {
             abort();
         }
     }
+    std::string place() const { return "127.0.0.1:" + std::to_string(ntohs(address.sin_port)); }
     sockaddr* name() { return reinterpret_cast<sockaddr*>(&address); }
 
     unique_fd fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
@@ -40,24 +41,22 @@ inline std::string answer_of(const std::string& body) {
 
 class tls_server {
   public:
-    // One answer for each request, then the server closes; without answers it reads until the
-    // client closes, and without even a list it hangs up instead of shaking hands.
-    using visit = std::optional<std::vector<std::string>>;
-
-    explicit tls_server(std::vector<visit> script) : script_(std::move(script)) {
+    // One answer for each request, then the server closes; with an empty list it reads until the
+    // client closes, and without a list it hangs up instead of shaking hands.
+    explicit tls_server(std::optional<std::vector<std::string>> answers)
+        : answers_(std::move(answers)) {
         signal(SIGPIPE, SIG_IGN);
-        if (listen(listener_.fd.get(), 8) != 0) {
+        if (listen(listener_.fd.get(), 1) != 0) {
             abort();
         }
-        place_ = "127.0.0.1:" + std::to_string(ntohs(listener_.address.sin_port));
         thread_ = std::thread([this] { serve(); });
     }
     ~tls_server() { requests(); }
     tls_server(const tls_server&) = delete;
     tls_server& operator=(const tls_server&) = delete;
 
-    const char* place() const { return place_.c_str(); }
-    // The texts of all requests, once the script has been played.
+    std::string place() const { return listener_.place(); }
+    // The texts of all requests, once the connection is over.
     const std::vector<std::string>& requests() {
         if (thread_.joinable()) {
             thread_.join();
@@ -80,28 +79,26 @@ class tls_server {
     }
 
     void serve() {
+        pollfd waiting = {listener_.fd.get(), POLLIN, 0};
+        if (poll(&waiting, 1, 5000) != 1) {
+            return;  // the client never came: the test has failed already
+        }
+        const unique_fd client(accept(waiting.fd, nullptr, nullptr));
         SSL_CTX* context = SSL_CTX_new(TLS_server_method());
         make_certificate(context);
-        for (const visit& v : script_) {
-            pollfd waiting = {listener_.fd.get(), POLLIN, 0};
-            if (poll(&waiting, 1, 5000) != 1) {
-                break;  // the client never came: the test has failed already
+        SSL* ssl = SSL_new(context);
+        SSL_set_fd(ssl, client.get());
+        if (answers_ && SSL_accept(ssl) == 1) {
+            for (const std::string& answer : *answers_) {
+                requests_.push_back(read_until(ssl, "\r\n\r\n"));
+                SSL_write(ssl, answer.data(), static_cast<int>(answer.size()));
             }
-            const unique_fd client(accept(waiting.fd, nullptr, nullptr));
-            SSL* ssl = SSL_new(context);
-            SSL_set_fd(ssl, client.get());
-            if (v && SSL_accept(ssl) == 1) {
-                for (const std::string& answer : *v) {
-                    requests_.push_back(read_until(ssl, "\r\n\r\n"));
-                    SSL_write(ssl, answer.data(), static_cast<int>(answer.size()));
-                }
-                if (v->empty()) {
-                    requests_.push_back(read_until(ssl, "never"));
-                }
-                SSL_shutdown(ssl);
+            if (answers_->empty()) {
+                requests_.push_back(read_until(ssl, "never"));
             }
-            SSL_free(ssl);
+            SSL_shutdown(ssl);
         }
+        SSL_free(ssl);
         SSL_CTX_free(context);
     }
 
@@ -119,8 +116,7 @@ class tls_server {
     }
 
     loopback_socket listener_;
-    std::vector<visit> script_;
+    std::optional<std::vector<std::string>> answers_;
     std::vector<std::string> requests_;
-    std::string place_;
     std::thread thread_;
 };

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "base/handles.h"
 #include "base/json.h"
 #include "base/result.h"
-#include "base/shell.h"
 #include "base/text.h"
 #include "config/settings.h"
 #include "upgrade/app_info.h"
@@ -18,19 +14,9 @@
 #include "upgrade/download.h"
 #include "upgrade/install.h"
 #include "upgrade/request.h"
-#include "upgrade/signature.h"
 #include "upgrade/version_list.h"
 
 namespace {
-
-struct folder {
-    char path[32] = "/tmp/upgrade_test.XXXXXX";
-    folder() { EXPECT_NE(mkdtemp(path), nullptr); }
-    ~folder() { run_shell_format("rm -rf %s", path); }
-    [[nodiscard]] std::string file(const char* name) const {
-        return std::string(path) + "/" + name;
-    }
-};
 
 class upgrade_list : public testing::Test {
   protected:
@@ -90,54 +76,32 @@ TEST(version_number, newer_means_strictly_greater) {
     app_info entry;
     app_info remote;
     entry.version = heap_text("1.0.25");
-    const struct {
-        const char* offered;
-        bool not_newer;
-    } rows[] = {{"1.0.25", true}, {"1.0.3", true}, {"1.0.26", false}, {nullptr, true}};
-    for (const auto& row : rows) {
-        remote.version = heap_text(row.offered);
-        EXPECT_EQ(is_not_newer(&entry, &remote), row.not_newer);
+    EXPECT_TRUE(is_not_newer(&entry, &remote));
+    for (const char* offered : {"1.0.25", "1.0.3", "1.0.26-beta"}) {
+        remote.version = heap_text(offered);
+        EXPECT_TRUE(is_not_newer(&entry, &remote)) << offered;
     }
+    remote.version = heap_text("1.0.26");
+    EXPECT_FALSE(is_not_newer(&entry, &remote));
     EXPECT_TRUE(is_not_newer(&entry, nullptr));
     EXPECT_TRUE(is_not_newer(nullptr, &remote));
 }
 
-TEST(app_record, reads_every_key_as_text) {
-    const json_ptr json = parse_json(
-        R"({"app_name":"a","link":"l","version_name":7,"version":"1","cloudserver":"on",)"
-        R"("force_upgrade":true,"signature":null,"rel_info":"r","size":"12kB","x":[1]})");
+TEST(app_record, reads_every_value_as_text) {
+    const json_ptr json =
+        parse_json(R"({"version_name":7,"version":"1","force_upgrade":true,"signature":null,)"
+                   R"("size":"12kB","x":[1]})");
     app_info record;
     EXPECT_EQ(parseAppInfoJsonObj(json.get(), &record, 0), 0);
-    EXPECT_EQ(text(record.app_name), "a");
-    EXPECT_EQ(text(record.link), "l");
     EXPECT_EQ(text(record.version_name), "7");
     EXPECT_EQ(text(record.version), "(none)");
-    EXPECT_EQ(text(record.cloudserver), "on");
     EXPECT_EQ(text(record.signature), "(none)");
-    EXPECT_EQ(text(record.rel_info), "r");
     EXPECT_EQ(record.upgrade_requested, 1);
     EXPECT_EQ(record.size, 12);
     EXPECT_EQ(parseAppInfoJsonObj(json.get(), &record, 1), 0);
     EXPECT_EQ(text(record.version), "1");
     EXPECT_EQ(parseAppInfoJsonObj(nullptr, &record, 1), ERR_NO_UPGRADE_INFO);
     EXPECT_EQ(parseAppInfoJsonObj(parse_json("[1]").get(), &record, 1), ERR_NOT_JSON);
-}
-
-TEST(app_record, copy_is_deep_and_leaves_the_state_behind) {
-    app_info record;
-    record.rel_info = heap_text("note");
-    record.size = 5;
-    record.upgrade_requested = 1;
-    record.status = APP_INSTALLED;
-    const app_info_ptr copy = dupAppInfo(record);
-    ASSERT_TRUE(copy);
-    clear_app_info(&record);
-    EXPECT_EQ(text(copy->rel_info), "note");
-    EXPECT_EQ(copy->size, 5);
-    EXPECT_EQ(copy->upgrade_requested, 1);
-    EXPECT_EQ(copy->status, APP_IDLE);
-    EXPECT_EQ(text(record.rel_info), "(none)");
-    EXPECT_EQ(record.size, 0);
 }
 
 TEST(upgrade_answer, status_and_data) {
@@ -201,83 +165,28 @@ TEST(package, name_never_leaves_its_folder) {
     EXPECT_FALSE(package_path(nullptr, &path));
 }
 
-TEST(package, signature_covers_bytes_and_version) {
-    const folder scratch;
-    const std::string package = scratch.file("p.tgz");
-    {
-        const file_ptr file(fopen(package.c_str(), "we"));
-        ASSERT_TRUE(file);
-        fputs("package bytes\n", file.get());
-    }
-    char out[100] = "old";
-    EXPECT_EQ(upgrade_signature(package.c_str(), "1.2.11", out, sizeof out), 0);
-    EXPECT_STREQ(out, "b94858b477863cc1f8c9169f261ffde840e51e3b");
-    // The message is held at 127 characters.
-    EXPECT_EQ(upgrade_signature(package.c_str(), std::string(200, '9').c_str(), out, sizeof out),
-              0);
-    EXPECT_STREQ(out, "acf429667275ca076a67c8c46da3296443d9e175");
-    EXPECT_NE(upgrade_signature(scratch.file("absent").c_str(), "1", out, sizeof out), 0);
-    EXPECT_STREQ(out, "");
-}
-
-TEST(install_script, is_sound_and_wants_a_parameter) {
-    const folder scratch;
-    const std::string script = scratch.file("install it.sh");
-    ASSERT_EQ(generateInstallShell(script.c_str()), 0);
-    EXPECT_EQ(access(script.c_str(), X_OK), 0);
-    const std::string word = shell_word(script);
-    EXPECT_EQ(run_shell(("busybox sh -n " + word).c_str()), 0);
-    char output[128] = {};
-    EXPECT_GT(read_shell((word + " ''").c_str(), output, sizeof output), 0);
-    EXPECT_STREQ(output, "miss param for run cloud_install.sh\n");
-    EXPECT_NE(generateInstallShell(scratch.file("absent/x.sh").c_str()), 0);
-}
-
 TEST_F(upgrade_list, nameless_entries_are_passed_over) {
     append_app(std::make_unique<app_info>());
-    add("", "1");
     const app_info* first = add("a", "1");
+    add("", "1");
     const app_info* second = add("b", "1");
-    append_app(std::make_unique<app_info>());
     EXPECT_EQ(first_app(), first);
     EXPECT_EQ(next_app(first), second);
     EXPECT_EQ(next_app(second), nullptr);
-    EXPECT_EQ(find_app("b"), second);
-    EXPECT_EQ(find_app("c"), nullptr);
 }
 
-TEST_F(upgrade_list, one_requested_upgrade_at_a_time) {
+TEST_F(upgrade_list, start_needs_memory_and_nothing_else_pending) {
     const app_info* entry = add("a", "1.0", "1.1");
-    const app_info* other = add("b", "1.0", "1.1");
     add("same", "1.0", "1.0");
-    add("bare", "1.0");
-    for (const char* name : {"same", "bare", "absent", ""}) {
-        EXPECT_EQ(startPluginAppUpdate(name), 0) << name;
-    }
-    EXPECT_EQ(startPluginAppUpdate(nullptr), 0);
     entry->remote->size = -1;  // as unsigned, more than any device has
     EXPECT_EQ(startPluginAppUpdate("a"), ERR_NO_MEMORY);
     EXPECT_EQ(entry->remote->upgrade_requested, 0);
     entry->remote->size = 1;
     EXPECT_EQ(startPluginAppUpdate("a"), 0);
     EXPECT_EQ(entry->remote->upgrade_requested, 1);
-    EXPECT_EQ(startPluginAppUpdate("b"), ERR_UPGRADE_PENDING);
-    EXPECT_EQ(startPluginAppUpdate("absent"), ERR_UPGRADE_PENDING);
-    EXPECT_EQ(other->remote->upgrade_requested, 0);
+    EXPECT_EQ(startPluginAppUpdate("same"), ERR_UPGRADE_PENDING);
     EXPECT_EQ(stopPluginAppUpdate("a"), 0);
-    EXPECT_EQ(startPluginAppUpdate("b"), 0);
-}
-
-TEST_F(upgrade_list, stop_sets_idle_only_what_has_an_offer) {
-    app_info* entry = add("a", "1.0", "1.1");
-    app_info* bare = add("bare", "1.0");
-    entry->status = APP_DOWNLOADING;
-    bare->status = APP_CHECK_FAILED;
-    EXPECT_EQ(stopPluginAppUpdate("a"), 0);
-    EXPECT_EQ(stopPluginAppUpdate("bare"), 0);
-    EXPECT_EQ(stopPluginAppUpdate(nullptr), 0);
-    EXPECT_EQ(entry->status, APP_IDLE);
-    EXPECT_EQ(bare->status, APP_CHECK_FAILED);
+    EXPECT_EQ(startPluginAppUpdate("same"), 0);
 }
 
 TEST_F(upgrade_list, a_pass_without_a_server) {
@@ -288,14 +197,10 @@ TEST_F(upgrade_list, a_pass_without_a_server) {
         int after;
         bool asked;  // and so without an offer afterwards
     } rows[] = {
-        {APP_IDLE, APP_CHECK_FAILED, true},
-        {APP_UP_TO_DATE, APP_CHECK_FAILED, true},
-        {APP_CHECK_FAILED, APP_CHECK_FAILED, true},
-        {APP_DOWNLOADING, APP_DOWNLOADING, false},
-        {APP_DOWNLOADED, APP_DOWNLOADED, false},
-        {APP_INSTALLING, APP_INSTALLING, false},
-        {1, 1, false},
-        {14, 14, false},
+        {APP_IDLE, APP_CHECK_FAILED, true},         {1, 1, false},
+        {APP_DOWNLOADING, APP_DOWNLOADING, false},  {APP_DOWNLOADED, APP_DOWNLOADED, false},
+        {APP_INSTALLING, APP_INSTALLING, false},    {APP_UP_TO_DATE, APP_CHECK_FAILED, true},
+        {APP_CHECK_FAILED, APP_CHECK_FAILED, true}, {14, 14, false},
     };
     for (const auto& row : rows) {
         add("x", "1.0", "1.1")->status = row.before;
@@ -311,21 +216,20 @@ TEST_F(upgrade_list, a_pass_without_a_server) {
     }
 }
 
-TEST_F(upgrade_list, a_failed_upgrade_is_not_repeated) {
-    const int failures[] = {APP_DOWNLOAD_FAILED, APP_INSTALL_FAILED, APP_RESTARTED,
-                            APP_INSTALL_PARTIAL, APP_NO_SIGNATURE,   APP_BAD_SIGNATURE};
-    for (const int status : failures) {
+TEST_F(upgrade_list, a_failed_upgrade_is_asked_for_but_not_repeated) {
+    set_text(pluginmgr_config.api_server, "");
+    for (const int status : {APP_DOWNLOAD_FAILED, APP_INSTALL_FAILED, APP_RESTARTED,
+                             APP_INSTALL_PARTIAL, APP_NO_SIGNATURE, APP_BAD_SIGNATURE}) {
         app_info* entry = add("x", "1.0", "1.1");
         entry->status = status;
         entry->remote->upgrade_requested = 1;
-    }
-    std::atomic<int> flag = 0;
-    checkAllAppVersion(&flag);
-    const app_info* entry = first_app();
-    for (const int status : failures) {
+        std::atomic<int> flag = 0;
+        checkAllAppVersion(&flag);
         EXPECT_EQ(entry->status, status);
         EXPECT_EQ(entry->remote->upgrade_requested, 0) << status;
-        entry = next_app(entry);
+        flag = 1;
+        checkAllAppVersion(&flag);
+        EXPECT_EQ(entry->status, APP_CHECK_FAILED) << status;
     }
 }
 
@@ -365,13 +269,11 @@ TEST_F(upgrade_list, notes_are_shortened_then_entries_dropped) {
         add("more", "1.0");
     }
     length = dumpVersionStatus(buffer, sizeof buffer);
-    EXPECT_LT(length, sizeof buffer - 1);
     EXPECT_EQ(strlen(buffer), length);
     const json_ptr some = parse_json(buffer);
     ASSERT_TRUE(some);
     EXPECT_GT(json_object_array_length(some.get()), 10U);
     EXPECT_EQ(dumpVersionStatus(buffer, 2), 0U);
-    EXPECT_STREQ(buffer, "");
 }
 
 }  // namespace
