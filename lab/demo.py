@@ -78,7 +78,7 @@ class Scene:
         self.see("report received", lambda: self.cloud.device.upgrades[since:],
                  lambda bodies: any(f"app_name={name}&" in body and f"&to_version={version}&" in body
                                     and body.endswith("=" + result) for body in bodies),
-                 lambda bodies: bodies[-1].partition("&")[2])
+                 lambda bodies: bodies[-1].partition("&")[2].replace("&", " "))
 
     def update(self, name, package):
         """The user's update with a copy kept of what arrives: (exit status, text, percents)."""
@@ -178,7 +178,7 @@ def register(s):
           show=lambda request: f"bind, answered {request.status}; owner {record.user}")
     s.see("record read", lambda: s.request("GET " + DEVICE), show=first_line)
     s.see("mode reported", lambda: record.reported["cloud_server"], "on")
-    s.see("uptime reported", lambda: record.uptimes[0], float, lambda text: text + " s")
+    s.see("uptime reported", lambda: record.uptimes[0], float, lambda text: "deviceBoot, uptime=" + text)
     s.see("versions reported", lambda: record.reported["versions"],
           lambda text: {"pluginmgr:" + VERSION, PHONE + ":1.0.0"} <= set(text.split(",")))
     s.see("kept alive", lambda: [one.connection for one in s.platform.requests(DEVICE + "*")],
@@ -326,7 +326,7 @@ def self_upgrade(s):
     s.see("the new version", lambda: s.device.plugins()["pluginmgr"]["pluginVersion"], NEXT_VERSION)
     s.see("versions reported", lambda: s.cloud.device.reported["versions"],
           lambda text: {"pluginmgr:" + NEXT_VERSION, PHONE + ":1.2.0"} <= set(text.split(",")))
-    s.see("boot reported", lambda: s.cloud.device.uptimes[boots:], show=lambda new: f"uptime {new[0]} s")
+    s.see("boot reported", lambda: s.cloud.device.uptimes[boots:], show=lambda new: "deviceBoot, uptime=" + new[0])
     s.pluginctl("status")
 
 

@@ -19,7 +19,7 @@ from lab.device import (AGENT_INI, CONTROL_PORT, CONTROL_SOCKET, DAEMON, DEBUG_L
 from lab.package import build
 from lab.platform import DEVICE_ID, Answer
 
-ENROLLED = {"active_state": "true", "device_key": "key-of-the-device"}
+ENROLLED = {"active_state": "true", "device_key": "key-of-the-device", "cloudserver": "on"}
 DEVICE = "/v1/devices/" + DEVICE_ID
 UPGRADES = "GET /v1/res/upgrade/apps/"
 NAME = "cloud_phone"
@@ -42,10 +42,16 @@ def enrolled(platform, device):
     return device
 
 
-def start_in_ums(device, **settings):
-    device.reset(settings={"cloudserver": "ums"} | settings, agents=())
+def start_alone(device, **settings):
+    """Without the cloud, an id and agents it starts at once and stays quiet."""
+    device.reset(settings={"cloudserver": "ums"} | settings, device_id=None, agents=())
     device.start()
     return device
+
+
+@pytest.fixture
+def alone(device):
+    return start_alone(device)
 
 
 def request(text, cookie=1, echo=0, marker=0, flag=0):
@@ -88,22 +94,22 @@ def message(kind, text=""):
 # -- requests -------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("cookie, echo, marker, flag, echoed", [
-    (7, 0x12345678, MARKER, 0, True), (0xFFFFFFFF, 5, MARKER, 0, True), (0, 0, MARKER, 0, True),
-    (7, 5, 0, 0, False), (8, 5, MARKER, 1, False), (9, 5, MARKER + 1, 0, False)])
-def test_reply_header(enrolled, cookie, echo, marker, flag, echoed):
-    reply = enrolled.datagram(request(MODE, cookie, echo, marker, flag), 1, 5)[0]
-    assert reply.raw[:HEADER.size] == HEADER.pack(b"", cookie, 0, 0, *((echo, MARKER) if echoed
-                                                                       else (0, 0)), 0)
-    assert reply.text == ('{"result":"ok","code":0,"id80000":"off","id80001":"fail",'
-                          '"id80014":"","id80020":true}')
+def test_reply_header(alone):
+    for cookie, echo, marker, flag, echoed in (
+            (7, 0x12345678, MARKER, 0, True), (0xFFFFFFFF, 5, MARKER, 0, True), (0, 0, MARKER, 0, True),
+            (7, 5, 0, 0, False), (8, 5, MARKER, 1, False), (9, 5, MARKER + 1, 0, False)):
+        reply = alone.datagram(request(MODE, cookie, echo, marker, flag), 1, 5)[0]
+        words = (echo, MARKER) if echoed else (0, 0)
+        assert reply.raw[:HEADER.size] == HEADER.pack(b"", cookie, 0, 0, *words, 0)
+        assert reply.text == ('{"result":"ok","code":0,"id80000":"ums","id80001":"fail",'
+                              '"id80014":"","id80020":true}')
 
 
 def padded(before, after, size=TEXT_ROOM):
     return before + "x" * (size - len(before + after)) + after
 
 
-def test_which_queries_are_answered(enrolled):
+def test_which_queries_are_answered(alone):
     state, plugins = "{", "["
     cases = [
         (MODE, state), ("pad&" + MODE, state), (MODE + "&id=80005", state), (MODE + "x", state),
@@ -123,22 +129,22 @@ def test_which_queries_are_answered(enrolled):
     assert {text: replies.get(1000 + n, "")[:1] or None for n, (text, _) in enumerate(cases)} == dict(cases)
 
 
-def test_odd_datagrams_do_no_harm(enrolled):
+def test_odd_datagrams_do_no_harm(alone):
     odd = [b"", b"k", b"d", b"keepclouda", b"\0", b"\xff" * 31, b"\0" * 32, b"\xff" * 256, b"k" * 3000,
            request("method=gw.config.get&id=" + "9" * 150), request("&" * 224), request("method=&" * 28),
            request("method=gw.app.action&pluginName=" + "%n" * 96)]
     assert [text for _, text in answered(odd)] == ['{"result":"error","code":91}']
-    assert "UDP stack receive from (0)" in enrolled.errors()
+    assert "UDP stack receive from (0)" in alone.errors()
 
 
-def test_signs_of_life_are_compared_by_prefix(enrolled):
+def test_signs_of_life_are_compared_by_prefix(alone):
     for text, line in (("keepcloudae and more", "got keepcloudae"),
                        ("keepcloudsafety!", "got keepcloudsafety"),
                        ("keepcloudsafe", "pluginmgr rcv from boa - cookie=")):
-        before = len(enrolled.log_lines(line))
+        before = len(alone.log_lines(line))
         assert not answered([text.encode()])
         extra = line.startswith("pluginmgr")  # the request that answered() adds is one too
-        assert len(enrolled.log_lines(line)) == before + 1 + extra, text
+        assert len(alone.log_lines(line)) == before + 1 + extra, text
 
 
 @pytest.mark.parametrize("mode, agent_state, shown", [
@@ -171,7 +177,7 @@ def test_mode_and_state_of_the_agent(device, mode, agent_state, shown):
 
 def test_plugins_and_their_notes(platform, enrolled):
     """80005 as the web pages get it; notes that do not fit are cut, all to one length."""
-    note = "n" * 1900
+    note = "n" * 1600
     names = [NAME, "cloud_fax", "cloud_pad"]
     enrolled.kill_all()
     enrolled.write_plugins({name: "1.0.0" for name in names})
@@ -201,24 +207,19 @@ def test_check_in_the_language_asked_for(platform, enrolled):
             (UPGRADES + NAME, language), (UPGRADES + "pluginmgr", language)], more
 
 
-@pytest.mark.parametrize("step", [22, -21])
-def test_check_without_an_upgrade_thread_times_out(device, step):
+@pytest.mark.parametrize("early, late", [(17, 22), (-17, -23)])
+def test_check_without_an_upgrade_thread_times_out(device, early, late):
     device.reset(settings={"cloudserver": "disable"}, device_id=None, agents=())
     device.start(faketime=True)
     with concurrent.futures.ThreadPoolExecutor() as pool:
         reply = pool.submit(device.get, 80025)
-        with pytest.raises(concurrent.futures.TimeoutError):
-            reply.result(1)
-        device.shift_time(step)
+        for step in (0, early):
+            device.shift_time(step)
+            with pytest.raises(concurrent.futures.TimeoutError):
+                reply.result(0.7)
+        device.shift_time(late)
         assert [one["pluginName"] for one in reply.result(3)] == [NAME, "pluginmgr"]
     assert "check plugin update timeout" in device.errors()
-
-
-def test_check_takes_no_longer_than_twenty_seconds(device):
-    device.reset(settings={"cloudserver": "disable"}, device_id=None, agents=())
-    device.start()
-    began = time.monotonic()
-    assert device.get(80025) and 19 < time.monotonic() - began < 23
 
 
 # -- messages of the agent ------------------------------------------------------------------------
@@ -247,7 +248,7 @@ def test_app_report_registers_first_when_that_is_due(platform, device):
 
 
 def test_nothing_is_reported_in_ums(platform, device):
-    start_in_ums(device)
+    start_alone(device)
     tell(message(APP_REPORT, "a=1"))
     assert not platform.requests()
 
@@ -258,52 +259,49 @@ def device_code(text):
     return "-".join((digest[:8], digest[8:12], digest[12:16], digest[16:20], digest[20:]))
 
 
-@pytest.mark.parametrize("text, code", [(text, device_code(text) if len(text) == 12 else None) for text in (
-    "001122aabbcc", "001122AABBCC", "%s%n-_.!~*12", "", "001122aabbc", "001122aabbccd", "1" * 236)])
-def test_device_code(enrolled, text, code):
-    answer = tell(message(DEVICE_CODE, text))[0]
-    assert answer == (message(ANSWER, code) if code else message(DEVICE_CODE))
-    answer = tell(message(DEVICE_CODE, text + "\0"))[0]  # a terminating NUL is no part of it
-    assert answer == (message(ANSWER, code) if code else message(DEVICE_CODE))
+def test_device_code(alone):
+    for text in ("001122aabbcc", "001122AABBCC", "%s%n-_.!~*12", "", "001122aabbc", "001122aabbccd", "1" * 236):
+        wanted = message(ANSWER, device_code(text)) if len(text) == 12 else message(DEVICE_CODE)
+        # a terminating NUL is no part of the text
+        assert tell(message(DEVICE_CODE, text), message(DEVICE_CODE, text + "\0"))[:2] == [wanted] * 2, text
 
 
 @pytest.mark.parametrize("state, given", [("true", True), ("truest", True), ("tru", False),
                                           ("false", False), (None, False)])
 def test_cloud_address(device, state, given):
-    start_in_ums(device, active_state=state, device_key="the-key")
+    start_alone(device, active_state=state, device_key="the-key")
     answer = tell(message(CLOUD_ADDRESS, "whatever"))[0]
     assert answer == (message(ANSWER, API_SERVER + " the-key") if given else message(CLOUD_ADDRESS))
 
 
-def test_other_messages_are_ignored(platform, enrolled):
-    before = platform.mark()
-    odd = [b"\0", b"\x01\x31", b"\0\x31\0", struct.pack("=I", 0), struct.pack("=I", 0xFFFFFFFF),
+def test_other_messages_are_ignored(platform, alone):
+    odd = [b"\0", b"\x31", b"\x21\0", struct.pack("=I", 0), struct.pack("=I", 0xFFFFFFFF),
            struct.pack("=I", 0x1000), message(0x3102, "001122aabbcc"), message(ANSWER, "x"), b"\xff" * 3000]
-    assert len(tell(*odd)) == 1 and not platform.requests(since=before)
-    short = struct.pack("=I", DEVICE_CODE)  # the missing rest of the header counts as zeros
-    assert tell(short + bytes(3))[0] == struct.pack("=I16x", DEVICE_CODE)
+    assert len(tell(*odd)) == 1 and not platform.requests()
+    short = struct.pack("=I", DEVICE_CODE) + bytes(3)  # the rest of the header counts as zeros
+    assert tell(short)[0] == struct.pack("=I16x", DEVICE_CODE)
 
 
-def test_log_level_from_the_agent(enrolled):
+def test_log_level_from_the_agent(alone):
     """Components 0 to 3 take any level; 4, whose sign is the traced query, only from 5 on."""
     def lines(level):
         tell(message(LOG_LEVEL, str(level)))
-        before = {text: len(enrolled.log_lines(text)) for text in ("got keepcloudae", "response - ")}
+        before = {text: len(alone.log_lines(text)) for text in ("got keepcloudae", "response - ")}
         assert not answered([b"keepcloudae"])
-        return [len(enrolled.log_lines(text)) - count for text, count in before.items()]
+        return [len(alone.log_lines(text)) - count for text, count in before.items()]
     assert [lines(level) for level in (8, 6, 4, 0, "7 or so")] == [[1, 1], [1, 0], [0, 0], [0, 0], [1, 1]]
 
 
 # -- signals --------------------------------------------------------------------------------------
 
 
-def test_sigpipe_from_outside_restarts(enrolled):
-    first, began = enrolled.daemons()[0], time.monotonic()
-    assert enrolled.stop(signal.SIGPIPE) == 0
-    assert enrolled.log_lines(" SYSTEM:(247) -  get a signal - 13. exit!!!")
-    assert enrolled.wait_new_pid(first) != first
-    assert 2.9 < time.monotonic() - began and len(enrolled.daemons()) == 1
-    assert enrolled.get(80000)["id80000"] == "off"
+def test_sigpipe_from_outside_restarts(alone):
+    first, began = alone.daemons()[0], time.monotonic()
+    assert alone.stop(signal.SIGPIPE) == 0
+    assert alone.log_lines(" SYSTEM:(247) -  get a signal - 13. exit!!!")
+    assert alone.wait_new_pid(first) != first
+    assert 2.9 < time.monotonic() - began and len(alone.daemons()) == 1
+    assert alone.get(80000)["id80000"] == "ums"
 
 
 def offer(platform, **made):
@@ -395,10 +393,8 @@ def test_started_programs_inherit_nothing(platform, device):
     program = b"#!/bin/sh\nexec /bin/sleep 1000\n"
     package = build(NAME, "2.0", files={"/var/run/" + NAME: program}, padding=100_000, slow=4)
     device.reset(settings=ENROLLED | {"cloudserver": "on"})
-    device.wget("gnu")
-    platform.cloud.offer(package)
-    platform.dl.answer("GET *", Answer(status=404), times=1)
-    platform.dl.answer("GET *", Answer(package.data, drip=1000), times=1)
+    platform.cloud.offer(package, "http")
+    platform.dl.answer("GET *", Answer(package.data, drip=1000))
     platform.dl.answer("GET *", Answer(status=404), times=1)
     device.start()
     device.cloudae.wait_started()
@@ -434,14 +430,14 @@ def test_logs_of_the_previous_run_are_kept(device):
 
 
 @pytest.mark.parametrize("size, rotates", [(LOG_LIMIT, True), (LOG_LIMIT - 4000, False)])
-def test_log_is_rotated_at_its_limit(enrolled, size, rotates):
+def test_log_is_rotated_at_its_limit(alone, size, rotates):
     for number in (1, 2):
         with open(DEBUG_LOG, "a") as file:
             file.write(f"filler {number} ".ljust(size - file.tell() - 1) + "\n")
         answered([b"keepcloudae"])
         assert os.path.exists(DEBUG_LOG + ".1") == rotates
-        assert (f"filler {number}" in enrolled.log()) != rotates
+        assert (f"filler {number}" in alone.log()) != rotates
         if rotates:
             assert f"filler {number}" in read_text(DEBUG_LOG + ".1")
-            assert "method=gw.config.get" in enrolled.log() and os.path.getsize(DEBUG_LOG) < 5000
-    assert json.loads(enrolled.query(PLUGINS).text)
+            assert "method=gw.config.get" in alone.log() and os.path.getsize(DEBUG_LOG) < 5000
+    assert json.loads(alone.query(PLUGINS).text)

@@ -2,10 +2,11 @@
 """From an offer to an installed plug-in, and every way in which that goes wrong."""
 import json
 import os
+import time
 
 import pytest
 
-from lab.device import INI, VERSION_LIST, agent_program, read_text, wait_until
+from lab.device import INI, VERSION_LIST, agent_program, device_processes, read_text, wait_until
 from lab.package import build
 from lab.platform import DEVICE_ID, Answer, redirect
 
@@ -43,31 +44,31 @@ def flip_last_byte(package):
     package.data = package.data[:-1] + bytes([package.data[-1] ^ 1])
 
 
-# what is built; what is changed in the offer; status and report in the end; is the package gone
+# what is built; what is changed in the offer; status and report in the end
 ENDINGS = {
-    "good": ({}, {}, RESTARTED, "ok", True),
-    "in a folder": ({"layout": "folder"}, {}, RESTARTED, "ok", True),
-    "installer fails": ({"result": "fail", "message": "disk full"}, {}, INSTALL_FAILED, "disk full", True),
-    "result of size 2": ({"result": "restart", "message": "half"}, {}, PARTIAL, "half", True),
-    "no result": ({"result": None}, {}, INSTALL_FAILED, "fail", True),
+    "good": ({}, {}, RESTARTED, "ok"),
+    "in a folder": ({"layout": "folder"}, {}, RESTARTED, "ok"),
+    "installer fails": ({"result": "fail", "message": "disk full"}, {}, INSTALL_FAILED, "disk full"),
+    "result of size 2": ({"result": "restart", "message": "half"}, {}, PARTIAL, "half"),
+    "no result": ({"result": None}, {}, INSTALL_FAILED, "fail"),
     "no installer": ({"layout": "none"}, {}, INSTALL_FAILED,
-                     f"upcompress /tmp/dl_cloud/{NAME}-{NEW}.tar.gz fail", True),
-    "no signature": ({}, {"signature": ""}, NO_SIGNATURE, "not found signature", True),
-    "foreign signature": ({}, {"signature": "0" * 40}, BAD_SIGNATURE, "signature not match", True),
-    "a byte too many": ({}, {"size": 1}, DOWNLOAD_FAILED, "download failed", True),
+                     f"upcompress /tmp/dl_cloud/{NAME}-{NEW}.tar.gz fail"),
+    "no signature": ({}, {"signature": ""}, NO_SIGNATURE, "not found signature"),
+    "foreign signature": ({}, {"signature": "0" * 40}, BAD_SIGNATURE, "signature not match"),
+    "a byte too many": ({}, {"size": 1}, DOWNLOAD_FAILED, "download failed"),
 }
 
 
 @pytest.mark.parametrize("kind", ENDINGS)
 def test_ending_of_an_upgrade(platform, enrolled, kind):
-    made, changes, status, result, gone = ENDINGS[kind]
+    made, changes, status, result = ENDINGS[kind]
     package = build(NAME, NEW, **made)
     if "size" in changes:
         changes = {"size": len(package.data) + changes["size"]}
     offer_and_update(platform, enrolled, package, **changes)
     entry = enrolled.wait_status(NAME, status)
     wait_until(lambda: platform.cloud.device.upgrades == [report(result)], what="the report")
-    assert os.path.exists(package_path(package)) != gone
+    assert not os.path.exists(package_path(package))
     installed = NEW if status == RESTARTED else OLD
     assert entry["pluginVersion"] == installed and entry["pluginNewVersion"] == NEW
     versions = {one["app_name"]: one.get("version") for one in json.loads(read_text(VERSION_LIST))}
@@ -77,7 +78,7 @@ def test_ending_of_an_upgrade(platform, enrolled, kind):
         assert json.loads(read_text(VERSION_LIST))[0]["version_name"] == package.file_name
 
 
-def test_flipped_byte_is_refused_in_either_place(platform, enrolled):
+def test_flipped_byte_is_refused(platform, enrolled):
     package = build(NAME, NEW, padding=5000)
     flip_last_byte(package)
     offer_and_update(platform, enrolled, package)
@@ -150,7 +151,7 @@ def test_cancelled_download_stops_at_once_and_one_upgrade_at_a_time(platform, en
     platform.wait_request("GET /packages/*")
     assert enrolled.action(pluginName="cloud_fax", pluginAction="update")["code"] == 41
     assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
-    enrolled.wait_log("canceled", 3)
+    wait_until(lambda: len(device_processes()) == 1, 3, "the end of the transfer")
     assert enrolled.plugins()[NAME]["status"] == IDLE
     assert enrolled.action(pluginName="cloud_fax", pluginAction="update")["code"] == 0
     enrolled.wait_status("cloud_fax", RESTARTED)
@@ -171,17 +172,33 @@ def test_cancelled_install_blocks_later_ones_until_a_restart(platform, enrolled)
 
 
 def test_refusals_of_the_control_service(platform, enrolled):
-    platform.cloud.offer(build(NAME, NEW), size=2_000_000_000)
+    platform.cloud.offer(build(NAME, NEW), size=-1)  # no device has that much memory
     platform.cloud.offer(build("pluginmgr", "1.2.10"))
     enrolled.start()
     wait_until(lambda: enrolled.plugins()[NAME]["pluginNewVersion"] == NEW, what="the offer")
-    free = int(read_text("/proc/meminfo").split("MemFree:")[1].split()[0]) * 1024
-    expected = 42 if free < 2_000_000_000 + 4_194_304 else 0
-    for name, code in (("pluginmgr", 0), ("unknown", 0), ("", 0), (NAME, expected)):
+    for name, code in (("pluginmgr", 0), ("unknown", 0), ("", 0), (NAME, 42)):
         assert enrolled.action(pluginName=name, pluginAction="update")["code"] == code, name
     assert enrolled.action(pluginName=NAME, pluginAction="again") == {"result": "error", "code": 91}
     assert enrolled.action(pluginName=NAME) == {"result": "error", "code": 91}
     assert not platform.requests("GET /packages/pluginmgr*")
+
+
+def test_offer_too_big_for_memory_is_reported(platform, enrolled):
+    platform.cloud.offer(build(NAME, NEW), size=-1, force=True)
+    enrolled.start()
+    enrolled.wait_status(NAME, DOWNLOAD_FAILED)
+    assert platform.cloud.device.upgrades == [report("no memory")]
+    assert not platform.requests("GET /packages/*")
+
+
+def test_stop_during_a_slow_report_holds(platform, enrolled):
+    platform.api.answer("POST /v1/services/cloudwatch/metrics", lambda request:
+                        Answer({"code": 0}, delay=2.5) if "agentUpgrade" in request.target else None)
+    offer_and_update(platform, enrolled, build(NAME, NEW))
+    platform.wait_request(lambda one: "agentUpgrade" in one.target)
+    assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
+    wait_until(lambda: enrolled.plugins()[NAME]["pluginVersion"] == NEW, what="the new version")
+    assert enrolled.plugins()[NAME]["status"] == IDLE
 
 
 def test_version_name_never_leaves_its_folder(platform, enrolled):
@@ -234,15 +251,15 @@ def test_server_failure_skips_the_rest_of_the_pass(platform, enrolled):
     enrolled.wait_status(NAME, IDLE)
 
 
-@pytest.mark.parametrize("shift, checks", [(-5, False), (-60, True), (700, True)])
+@pytest.mark.parametrize("shift, checks", [(-8, False), (-20, True), (700, True)])
 def test_clock_steps_start_a_check(platform, enrolled, shift, checks):
     enrolled.reset(settings=ENROLLED, update={"checkcycle": 600}, agents=())
     enrolled.start(faketime=True)
     platform.wait_request("GET /v1/res/upgrade/apps/pluginmgr")
     before = platform.mark()
     enrolled.shift_time(shift)
-    try:
-        platform.wait_request("GET /v1/res/upgrade/apps/*", timeout=4, since=before)
-        assert checks
-    except AssertionError:
-        assert not checks
+    if checks:
+        platform.wait_request("GET /v1/res/upgrade/apps/*", timeout=5, since=before)
+    else:
+        time.sleep(3)  # thirty ticks of the upgrade thread
+        assert not platform.requests("GET /v1/res/upgrade/apps/*", since=before)
