@@ -14,9 +14,6 @@ import sys
 import threading
 import time
 
-if sys.path[0] != "/lab-src":
-    sys.path[0] = "/lab-src"  # not lab/, whose `platform` would hide the standard module
-
 from lab.deployment import API_SERVER, DOWNLOAD_SERVER, VERSION
 from lab.device import (DAEMON, ENVIRONMENT, FLASH, HOSTS, VERSION_LIST, Agent, Device,
                         agent_program, read_text)
@@ -299,6 +296,7 @@ def silence(s):
     os.kill(before, signal.SIGSTOP)
     s.see("cloudae hangs", lambda: read_text(f"/proc/{before}/stat").split()[2], "T",
           lambda _: f"pid {before} is stopped, no sign of life from it")
+    s.device.plugins()  # in order: by its answer the last sign of life has been taken, too
     s.later(SILENCE - 60)
     time.sleep(1)
     s.see("five minutes: patience", lambda: [s.device.cloudae.pid(), len(s.device.cloudae.starts())],

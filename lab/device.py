@@ -42,6 +42,8 @@ VERSION_FILE = "HW_REVISION=V1.0 KQ900-A\nSW_REVISION=REL 53.20.1\n"
 # found again, whoever their parent is by then.
 MARK = "LAB_DEVICE=1"
 ENVIRONMENT = {"PATH": "/bin:/sbin", "HOME": "/root", "LAB_DEVICE": "1"}
+ENVIRONMENT |= {name: os.environ[name] for name in ("ASAN_OPTIONS", "TSAN_OPTIONS")
+                if name in os.environ}  # of a sanitized build
 FAKE_TIME_ENVIRONMENT = {
     "LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1",
     "FAKETIME_TIMESTAMP_FILE": FAKE_TIME_FILE,
@@ -328,6 +330,8 @@ class Device:
                     pass
             for child in self._children:
                 child.poll()
+        for child in self._children:
+            child.wait(5)  # only a reaped process has given up its file locks for sure
         self._children.clear()
 
     # -- logs -------------------------------------------------------------------------------------

@@ -49,7 +49,7 @@ ENVIRONMENT = {
     "PYTHONUNBUFFERED": "1",
     "PYTEST_ADDOPTS": "-p no:cacheprovider",
 }
-KEPT_VARIABLES = ("TERM", "COLUMNS", "LINES", "NO_COLOR", "CI")
+KEPT_VARIABLES = ("TERM", "COLUMNS", "LINES", "NO_COLOR", "CI", "ASAN_OPTIONS", "TSAN_OPTIONS")
 
 
 def memory_file(text):

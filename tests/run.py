@@ -3,9 +3,15 @@
 
 The unit tests run as they are and under ASan and UBSan; each file of tests/system runs in a
 sandbox of its own, several side by side, for they mostly sleep. What a run leaves (output, JUnit
-results, logs of failed tests) is in build/test/. Arguments name system test files to run alone.
+results, logs of failed tests) is in build/test/.
+
+    python3 tests/run.py [--build PRESET] [FILE...]
+
+--build runs the system tests on the daemon of another preset (asan, tsan); what its sanitizer
+reports fails the file. FILEs are system test files to run alone.
 """
 
+import argparse
 import concurrent.futures
 import os
 import pathlib
@@ -19,6 +25,12 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 OUT = ROOT / "build" / "test"
 PYTHON = "/usr/bin/python3"
 LIMIT = 420  # seconds that one job may take
+REPORT = "sanitizer"  # reports go to files whose names begin so
+SANITIZERS = {
+    "ASAN_OPTIONS": f"log_path=/lab-out/{REPORT}",
+    "TSAN_OPTIONS": f"log_path=/lab-out/{REPORT} exitcode=0 report_thread_leaks=0 "
+                    "suppressions=/lab-src/tests/tsan.supp",
+}
 SANDBOXES = 3 * (os.cpu_count() or 2)
 
 
@@ -29,12 +41,13 @@ def unit_job(preset):
     return (f"unit {preset}", command, results)
 
 
-def system_job(path):
+def system_job(path, preset):
     """One file of system tests in a sandbox of its own."""
     out = OUT / path.stem
     out.mkdir()
-    command = [PYTHON, str(ROOT / "lab" / "sandbox.py"), "--out", str(out), "--", PYTHON, "-m",
-               "pytest", "-q", "-p", "no:cacheprovider", "--junit-xml=/lab-out/results.xml",
+    command = [PYTHON, str(ROOT / "lab" / "sandbox.py"), "--out", str(out), "--build",
+               str(ROOT / "build" / preset), "--", PYTHON, "-m", "pytest", "-q", "-p",
+               "no:cacheprovider", "--junit-xml=/lab-out/results.xml",
                f"/lab-src/tests/system/{path.name}"]
     return (f"system {path.stem}", command, out / "results.xml")
 
@@ -55,15 +68,19 @@ def counts(results):
 def run(job):
     """Runs one job; returns its name, output, counts and seconds."""
     name, command, results = job
+    in_sandbox = results.parent != OUT
+    environment = os.environ | (SANITIZERS if in_sandbox else {})
     began = time.monotonic()
     try:
         done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              timeout=LIMIT, cwd=ROOT, check=False)
+                              timeout=LIMIT, cwd=ROOT, env=environment, check=False)
         output, code = done.stdout.decode(errors="replace"), done.returncode
     except subprocess.TimeoutExpired as late:
         output, code = (late.stdout or b"").decode(errors="replace") + "\ntimed out", -1
     passed, failed = counts(results)
-    if code != 0 and failed == 0:
+    reports = sorted(results.parent.glob(REPORT + ".*")) if in_sandbox else []
+    output += "".join(report.read_text(errors="replace") for report in reports)
+    if (code != 0 or reports) and failed == 0:
         failed = 1
     (OUT / f"{name.replace(' ', '-')}.log").write_text(output)
     return name, output, passed, failed, time.monotonic() - began
@@ -72,10 +89,14 @@ def run(job):
 def main(arguments):
     shutil.rmtree(OUT, ignore_errors=True)
     OUT.mkdir(parents=True)
-    files = [pathlib.Path(name) for name in arguments]
-    jobs = [] if files else [unit_job("release"), unit_job("asan")]
-    jobs += [system_job(path) for path in
-             files or sorted((ROOT / "tests" / "system").glob("test_*.py"))]
+    parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
+    parser.add_argument("--build", default="release", metavar="PRESET")
+    parser.add_argument("files", nargs="*", type=pathlib.Path, metavar="FILE")
+    chosen = parser.parse_args(arguments)
+    whole = not chosen.files and chosen.build == "release"
+    jobs = [unit_job("release"), unit_job("asan")] if whole else []
+    jobs += [system_job(path, chosen.build) for path in
+             chosen.files or sorted((ROOT / "tests" / "system").glob("test_*.py"))]
     passed = failed = 0
     with concurrent.futures.ThreadPoolExecutor(SANDBOXES) as pool:
         for future in concurrent.futures.as_completed([pool.submit(run, job) for job in jobs]):

@@ -229,17 +229,17 @@ void log_from_signal(int line, const char* message) {
     const int saved_errno = errno;
     const int mode = output_mode;
     const log_record& record = log_records[DEBUG_LOG];
-    int descriptor = -1;
+    log_line text;
+    begin_line(text, {.prefix = components[LOG_SYSTEM].prefix, .line = line});
+    add_text(text, message);
+    const std::string_view whole = end_line(text);
+    int descriptor = -1;  // looked up last: another thread may be exchanging the file
     if (goes_to_file(record, mode)) {
         descriptor = record.descriptor;
     } else if (mode == LOG_TO_SCREEN) {
         descriptor = STDOUT_FILENO;
     }
     if (mode != LOG_TO_NONE && descriptor >= 0) {
-        log_line text;
-        begin_line(text, {.prefix = components[LOG_SYSTEM].prefix, .line = line});
-        add_text(text, message);
-        const std::string_view whole = end_line(text);
         const ssize_t count = write(descriptor, whole.data(), whole.size());
         (void)count;  // nothing can be done about a lost line here
     }

@@ -217,6 +217,15 @@ int open_connection(const char* host, bool* fresh) {
     return 0;
 }
 
+// To be called before the server's name is read: a name read earlier may be the old one, and its
+// address would be kept under the new name.
+void honour_drop_request() {
+    if (drop_requested.exchange(0) == 1) {
+        close_https(&connection);
+        connection.server_address = 0;
+    }
+}
+
 bool is_ok(json_object* status) {
     const char* text = json_object_get_string(status);
     return text != nullptr && strcmp(text, "ok") == 0;
@@ -272,6 +281,7 @@ int getRemoteAppInfo(const char* name, app_info* record) {
     char request[REQUEST_SIZE] = {};
     char host[sizeof pluginmgr_config.api_server] = {};
     json_ptr answer;
+    honour_drop_request();
     set_text(host, text_of(pluginmgr_config.api_server));
     if (host[0] == '\0') {
         return ERR_NO_UPGRADE_INFO;
@@ -314,10 +324,6 @@ int build_upgrade_request(char* out, size_t size, const char* method, const char
 }
 
 int https_upgrade_request(const char* host, const char* request, json_ptr* answer) {
-    if (drop_requested.exchange(0) == 1) {
-        close_https(&connection);
-        connection.server_address = 0;
-    }
     bool fresh = false;
     for (;;) {
         const int opened = open_connection(host, &fresh);

@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -24,9 +24,15 @@
 namespace {
 
 // A log's text with @ for each good stamp.
-std::string unstamped(const std::string& text) {
-    static const std::regex stamp(R"(\[\d\d/\d\d \d\d:\d\d:\d\d\.\d{6}\])");
-    return std::regex_replace(text, stamp, "@");
+std::string unstamped(std::string text) {
+    const std::string stamp = "[00/00 00:00:00.000000]";
+    for (size_t at = 0; (at = text.find('[', at)) != std::string::npos; at++) {
+        std::string shape = text.substr(at, stamp.size());
+        std::ranges::replace_if(
+            shape, [](char c) { return c >= '0' && c <= '9'; }, '0');
+        text.replace(at, shape == stamp ? stamp.size() : 1, shape == stamp ? "@" : "[");
+    }
+    return text;
 }
 
 class Log : public testing::Test {
@@ -141,9 +147,11 @@ TEST_F(Log, LongTextsAreCutOrRefused) {
 TEST_F(Log, LocalTimeInBothKindsOfLine) {
     const auto second = [] {
         char stamp[32] = {};
-        const time_t east = time(nullptr) + 34200;
+        timespec east = {};
+        clock_gettime(CLOCK_REALTIME, &east);  // time() is some milliseconds behind
+        east.tv_sec += 34200;
         tm parts = {};
-        strftime(stamp, sizeof stamp, "[%m/%d %H:%M:%S.", gmtime_r(&east, &parts));
+        strftime(stamp, sizeof stamp, "[%m/%d %H:%M:%S.", gmtime_r(&east.tv_sec, &parts));
         return std::string(stamp);
     };
     setenv("TZ", "TST-9:30", 1);
@@ -181,7 +189,7 @@ TEST_F(Log, RotatesAtTheLimitAndShiftsCopies) {
     log_set_output(LOG_TO_FILE);
     log_record& record = log_records[DEBUG_LOG];
     record.backups = 2;
-    const size_t limit = 512 * 1024;
+    const size_t limit = 524288;
     append_line(record, std::string(limit - 1, 'a'));
     EXPECT_FALSE(std::filesystem::exists(path(DEBUG_LOG, ".1"))) << "one byte short";
     append_line(record, "a");
@@ -232,7 +240,7 @@ TEST_F(Log, ThreadsAndTheirEndsLeaveWholeLinesAndNoMarks) {
     log_records[DEBUG_LOG].backups = 100;
     const auto work = [](void*) -> void* {
         for (;;) {
-            log_trace("worker", 1, "%s", std::string(60, 'w').c_str());
+            log_trace("worker", 1, "%060d", 0);
             pthread_testcancel();
         }
     };
@@ -242,7 +250,6 @@ TEST_F(Log, ThreadsAndTheirEndsLeaveWholeLinesAndNoMarks) {
             ASSERT_EQ(pthread_create(&thread, nullptr, work, nullptr), 0);
         }
         usleep(200);
-        log_from_signal(1, "signal");
         log_set_output(LOG_TO_NONE);
         log_set_output(LOG_TO_FILE);
         for (const pthread_t thread : threads) {
@@ -251,10 +258,12 @@ TEST_F(Log, ThreadsAndTheirEndsLeaveWholeLinesAndNoMarks) {
         }
         ASSERT_FALSE(log_records[DEBUG_LOG].writing || log_records[DEBUG_LOG].rotating);
     }
-    const std::regex good("@ (worker\\(1\\) - w{60}|SYSTEM:\\(1\\) - signal)\n");
+    const std::string line = "@ worker(1) - " + std::string(60, '0');
     for (const auto& file : std::filesystem::directory_iterator(folder_)) {
-        const std::string suffix = file.path().extension();
-        EXPECT_EQ(std::regex_replace(lines(DEBUG_LOG, suffix), good, ""), "") << suffix;
+        std::istringstream text(lines(DEBUG_LOG, file.path().extension()));
+        for (std::string seen; std::getline(text, seen);) {
+            EXPECT_EQ(seen, line);
+        }
     }
 }
 
