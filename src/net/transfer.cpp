@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "net/transfer.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -22,6 +23,8 @@ constexpr size_t HOST_SIZE = 256;
 constexpr size_t PATH_SIZE = 1024;
 constexpr size_t REQUEST_SIZE = 2048;
 constexpr size_t POST_HEADER_SIZE = 1024;
+constexpr int LINGER_SECONDS = 2;
+constexpr int LINGER_READS = 16;
 constexpr size_t CHUNK_SIZE = 1024;
 constexpr size_t FILE_BUFFER_SIZE = 65536;
 constexpr int DEFAULT_PORT = 443;
@@ -146,6 +149,16 @@ int upload(https_conn* conn, const char* host, const char* path, const char* fil
     for (size_t count = 0; (count = fread(chunk, 1, sizeof chunk, stream.get())) > 1;) {
         if (send_https_buf(conn, chunk, count) != 0) {
             return FAILED;
+        }
+    }
+    // Closing with something unread, a session ticket for one, would reset the connection and
+    // take what is still on its way with it. The peer is given a moment to close first.
+    (void)shutdown(conn->socket, SHUT_WR);
+    char unread[CHUNK_SIZE] = {};
+    for (int reads = 0; reads < LINGER_READS; reads++) {
+        if (wait_readable(conn->socket, LINGER_SECONDS) != 0 ||
+            recv(conn->socket, unread, sizeof unread, MSG_DONTWAIT) <= 0) {
+            break;
         }
     }
     return 0;
