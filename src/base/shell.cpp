@@ -160,15 +160,8 @@ long read_shell(const char* command, char* out, size_t size) {
 }
 
 void run_shell_from_signal(const char* command) {
-    // vfork, not fork: fork() takes the allocator's locks, which the interrupted code may hold.
-    const pid_t child = vfork();
-    if (child == 0) {
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    // Spawning takes no lock of the allocator, as fork() would: the interrupted code may hold it.
+    const pid_t child = start_shell(command, -1);
     if (child > 0) {
         (void)wait_for(child);
     }

@@ -10,7 +10,7 @@ bool copy_text(char* out, size_t size, std::string_view value) {
         return value.empty();
     }
     const size_t length = std::min(value.size(), size - 1);
-    if (length > 0) {  // an empty view may be null
+    if (length > 0) {                        // an empty view may be null
         memmove(out, value.data(), length);  // a field may be set from a part of itself
     }
     out[length] = '\0';
