@@ -34,7 +34,10 @@ constexpr int ERR_EMPTY_LIST = 1003;       // the version list holds no entry
 constexpr int ERR_ANSWER_STATUS = 1004;    // the upgrade server's "status" is not "ok"
 constexpr int ERR_NO_UPGRADE_INFO = 9999;  // no API server, or no JSON value at all
 
+constexpr int ERR_NO_QR_TOKEN = 18600;  // a check of the QR activation without its token
+
 // Codes of the cloud platform that the daemon reacts to
 constexpr int CLOUD_NOT_ACTIVE = 1004;    // device unknown there: activate again
 constexpr int CLOUD_KEY_REFUSED = 2201;   // device key refused: activate again
 constexpr int CLOUD_UPTIME_KNOWN = 2005;  // this boot has been reported already
+constexpr int PBX_TOKEN_REFUSED = 20006;  // the PBX service no longer accepts the access token

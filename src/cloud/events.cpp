@@ -15,6 +15,7 @@
 #include "base/json.h"
 #include "base/result.h"
 #include "base/text.h"
+#include "cloud/accounts.h"
 #include "codec/encode.h"
 #include "codec/sha1.h"
 #include "config/ini.h"
@@ -82,6 +83,7 @@ struct event {
     new_id takes_id = new_id::never;
     bool sends_report = false;
     bool long_path = false;
+    bool asks_api = true;  // false: prepare does it all
 };
 
 int unknown_event(const event_call& call) {
@@ -134,8 +136,10 @@ int prepare_versions(event_call& call) {
     return 0;
 }
 
-int prepare_login(event_call& call) {
-    return is_empty(pluginmgr_config.accounts_server) ? ERR_NO_ACCOUNTS : unknown_event(call);
+int log_in(event_call& /*call*/) {
+    return is_empty(pluginmgr_config.accounts_server)
+               ? ERR_NO_ACCOUNTS
+               : login_accounts(pluginmgr_config.accounts_server);
 }
 
 // Names are compared by prefix, in this order.
@@ -216,7 +220,7 @@ constexpr event events[] = {
      .args = {arg::device_id},
      .auth = "KEY",
      .values = {{{"bind_status", pluginmgr_config.bind_status}}}},
-    {.name = "cloudLogin", .prepare = prepare_login},
+    {.name = "cloudLogin", .prepare = log_in, .asks_api = false},
     {.name = "create_authcode",
      .method = "POST",
      .path = "/v1/devices/authcodes?device_id=%s",
@@ -370,7 +374,7 @@ int pluginmgr_api_with_param(https_conn* conn, const char* name, const char* par
     }
     // Before the lock is taken: reading the flash may wait for ten seconds.
     const int prepared = what->prepare == nullptr ? 0 : what->prepare(call);
-    return prepared != 0 ? prepared : perform(conn, *what, call);
+    return prepared != 0 || !what->asks_api ? prepared : perform(conn, *what, call);
 }
 
 int pluginmgr_api(https_conn* conn, const char* name) {

@@ -53,6 +53,7 @@ struct settings {
 
     // Of the registration with the platform.
     char active_token[64] = {};
+    char ums_active_token[64] = {};  // written for the cloud agent, not read back
     char device_key[64] = {};
     char active_state[64] = {};  // "true" when activated
 

@@ -6,6 +6,8 @@
 
 #include "base/result.h"
 #include "base/text.h"
+#include "cloud/events.h"
+#include "control/pbx_state.h"
 #include "control/query.h"
 #include "log/tb_log.h"
 #include "upgrade/request.h"
@@ -28,7 +30,8 @@ int act_on_plugin(const char* name, std::string_view action) {
     return ERR_UNKNOWN_EVENT;
 }
 
-void handle_plugin(const boa_request& request) {
+// Each step leaves its code to the next, which may have nothing to do and replies with it.
+void handle_plugin(const boa_request& request, int* code) {
     const std::optional<std::string_view> value = query_value(request.query(), "pluginName=");
     if (!value) {
         return;
@@ -36,11 +39,38 @@ void handle_plugin(const boa_request& request) {
     char name[128] = {};
     set_text(name, *value);
     const std::string_view action = query_value(request.query(), "pluginAction=").value_or("");
-    send_result(request, act_on_plugin(name, action));
+    *code = act_on_plugin(name, action);
+    send_result(request, *code);
+}
+
+void handle_authcode(const boa_request& request, int* code) {
+    const std::optional<std::string_view> value = query_value(request.query(), "authcode=");
+    if (!value) {
+        return;
+    }
+    if (value->starts_with("create")) {
+        *code = pluginmgr_api(nullptr, "create_authcode");
+    } else if (value->starts_with("delete")) {
+        *code = pluginmgr_api(nullptr, "delete_authcode");
+    }
+    send_result(request, *code);
+}
+
+void handle_pbx(const boa_request& request) {
+    const std::string_view query = request.query();
+    if (const auto vcode = query_value(query, "device_vcode=")) {
+        activate_pbx(request, *vcode);
+    }
+    if (const auto action = query_value(query, "quorvel_action=")) {
+        act_on_pbx(request, *action);
+    }
 }
 
 }  // namespace
 
 void handle_app_request(const boa_request& request) {
-    handle_plugin(request);
+    int code = FAILED;
+    handle_plugin(request, &code);
+    handle_authcode(request, &code);
+    handle_pbx(request);
 }

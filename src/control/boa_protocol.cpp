@@ -11,7 +11,9 @@
 #include "cloud/registration.h"
 #include "config/settings.h"
 #include "control/app_request.h"
+#include "control/boa_report.h"
 #include "control/config_get.h"
+#include "control/config_set.h"
 #include "control/query.h"
 #include "log/tb_log.h"
 
@@ -30,6 +32,8 @@ struct method {
 
 constexpr method methods[] = {
     {"gw.config.get", handle_config_get},
+    {"gw.config.set", handle_config_set},
+    {"gw.boa.report", handle_boa_report},
     {"gw.app.action", handle_app_request},
 };
 
@@ -55,9 +59,10 @@ uint32_t boa_request::word(size_t offset) const {
     return value;
 }
 
-void send_reply(const boa_request& request, std::string_view json) {
+namespace {
+
+void send_to_peer(const boa_request& request, std::string_view json) {
     char reply[REPLY_SIZE] = {};
-    json = json.substr(0, REPLY_BODY);
     memcpy(reply + REQUEST_HEADER, json.data(), json.size());
     if (request.wants_echo()) {
         put_word(reply, ECHO_WORD_AT, request.echo_word());
@@ -67,14 +72,30 @@ void send_reply(const boa_request& request, std::string_view json) {
     // A lost reply is the web server's time-out.
     (void)sendto(boa.socket, reply, REQUEST_HEADER + json.size(), 0,
                  reinterpret_cast<const sockaddr*>(&boa.peer), boa.peer_length);
+}
+
+}  // namespace
+
+void send_reply(const boa_request& request, std::string_view json) {
+    json = json.substr(0, REPLY_BODY);
+    send_to_peer(request, json);
     log_msg(LOG_SERVICE, 7, __func__, __LINE__, "send - %.*s", static_cast<int>(json.size()),
             json.data());
 }
 
-void send_result(const boa_request& request, int code) {
+const char* result_word(int code) {
+    return code == 0 ? "ok" : "error";
+}
+
+void send_result(const boa_request& request, int code, bool trace_length) {
     char body[64] = {};
-    format_text(body, "{\"result\":\"%s\",\"code\":%d}", code == 0 ? "ok" : "error", code);
-    send_reply(request, body);
+    format_text(body, "{\"result\":\"%s\",\"code\":%d}", result_word(code), code);
+    if (!trace_length) {
+        send_reply(request, body);
+        return;
+    }
+    send_to_peer(request, body);
+    log_msg(LOG_SERVICE, 7, "handle_config_set", __LINE__, "send - %s(%zu)", body, strlen(body));
 }
 
 int http_handle_query(const boa_request& request, int /*port*/) {

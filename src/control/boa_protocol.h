@@ -43,8 +43,11 @@ extern boa_channel boa;
 // without terminator, cut at REPLY_BODY. A failing send is ignored.
 void send_reply(const boa_request& request, std::string_view json);
 
-// The reply {"result":"ok" or "error","code":N}.
-void send_result(const boa_request& request, int code);
+// The reply {"result":"ok" or "error","code":N}. Its trace ends in the text's length when asked.
+void send_result(const boa_request& request, int code, bool trace_length = false);
+
+// "ok" for code 0, "error" for any other.
+[[nodiscard]] const char* result_word(int code);
 
 // Handles one request: finds its method and hands it over. port is passed and not used. 0.
 int http_handle_query(const boa_request& request, int port);

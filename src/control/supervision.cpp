@@ -13,6 +13,7 @@
 #include "cloud/registration.h"
 #include "config/settings.h"
 #include "control/app_action.h"
+#include "control/boa_report.h"
 #include "device/ipc.h"
 #include "log/tb_log.h"
 #include "upgrade/version_list.h"
@@ -129,6 +130,7 @@ void do_extra_task() {
     }
     last_tick = now;
     tick_counter++;
+    resend_boa_report();
     watch_cloudae(now);
     watch_cloudsafety(now);
     repeat_version_report();

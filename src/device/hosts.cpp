@@ -106,3 +106,17 @@ int delete_domain_in_hosts(const char* ip, const char* /*domain*/) {
     }
     return 0;
 }
+
+server_pin split_server_pin(const char* value) {
+    server_pin pin;
+    const char* bar = strchr(value, '|');
+    if (bar != nullptr) {
+        set_text(pin.host, std::string_view(value, static_cast<size_t>(bar - value)));
+        set_text(pin.address, bar + 1);
+    }
+    return pin;
+}
+
+bool is_whole(const server_pin& pin) {
+    return !is_empty(pin.host) && !is_empty(pin.address);
+}

@@ -13,3 +13,13 @@ int add_domain_to_hosts(const char* ip, const char* domain);
 // Removes every line that contains the address, also inside a longer one. The domain is not
 // looked at. 0.
 int delete_domain_in_hosts(const char* ip, const char* domain);
+
+// A server that the user pins to an address, written "host|address". Without a bar both are empty;
+// each is cut at its size.
+struct server_pin {
+    char host[64] = {};
+    char address[16] = {};
+};
+[[nodiscard]] server_pin split_server_pin(const char* value);
+// True when neither part is empty, so that /etc/hosts may be changed for it.
+[[nodiscard]] bool is_whole(const server_pin& pin);

@@ -126,17 +126,10 @@ void pin_user_server(const char* key) {
     if (ini_get(SETTINGS_FILE, "Config", key, value, sizeof value) != 0) {
         return;
     }
-    const char* bar = strchr(value, '|');
-    if (bar == nullptr) {
-        return;
-    }
-    char host[64] = {};
-    char address[16] = {};
-    set_text(host, std::string_view(value, static_cast<size_t>(bar - value)));
-    set_text(address, bar + 1);
-    if (!is_empty(host) && !is_empty(address)) {
-        (void)delete_domain_in_hosts(address, host);
-        (void)add_domain_to_hosts(address, host);
+    const server_pin pin = split_server_pin(value);
+    if (is_whole(pin)) {
+        (void)delete_domain_in_hosts(pin.address, pin.host);
+        (void)add_domain_to_hosts(pin.address, pin.host);
     }
 }
 

@@ -1,0 +1,256 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "cloud/pbx.h"
+
+#include <json-c/json.h>
+
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+#include "base/json.h"
+#include "base/result.h"
+#include "base/text.h"
+#include "cloud/events.h"
+#include "codec/encode.h"
+#include "codec/sha1.h"
+#include "config/ini.h"
+#include "config/settings.h"
+#include "deployment.h"
+#include "device/identity.h"
+#include "log/tb_log.h"
+#include "net/http.h"
+
+namespace {
+
+constexpr size_t SIGN_TEXT_SIZE = 256;
+constexpr size_t PBX_REQUEST_SIZE = 1024;
+constexpr std::string_view TOKEN_HEADER = "X-Kzt-Activetoken";
+constexpr size_t TOKEN_AT = 19;  // behind the header's name, a colon and a blank
+
+// What every request carries.
+struct credentials {
+    char mac[MAC_TEXT_SIZE] = {};
+    char timestamp[24] = {};
+    char sign[SIGNATURE_SIZE] = {};
+};
+
+// The key is the API signing key, as its characters, followed by the device id.
+void sign_service_request(const char* text, const char* timestamp, char (&sign)[SIGNATURE_SIZE]) {
+    const std::string key = std::string(PLUGINMGR_API_SIGN_KEY) + pluginmgr_config.device_id;
+    const std::string message = std::string(text) + timestamp;
+    uint8_t digest[SHA1_DIGEST_SIZE] = {};
+    hmac_sha1(key.data(), key.size(), message.data(), message.size(), digest);
+    hex_encode(digest, sizeof digest, sign, sizeof sign);
+}
+
+// Fills who for a request whose sign text is the MAC address and the parts; longer texts are cut.
+int prepare(credentials* who, std::initializer_list<const char*> parts) {
+    if (std::string_view(pluginmgr_config.quorvel_service) == "off") {
+        return ERR_PBX_OFF;
+    }
+    format_text(who->timestamp, "%lld", static_cast<long long>(time(nullptr)));
+    if (get_mac_text(&who->mac) != 0) {
+        log_err(__func__, __LINE__, "cann't get device mac address");
+        return ERR_NO_MAC;
+    }
+    char text[SIGN_TEXT_SIZE] = {};
+    set_text(text, who->mac);
+    for (const char* part : parts) {
+        append_text(text, sizeof text, part);
+    }
+    sign_service_request(text, who->timestamp, who->sign);
+    return 0;
+}
+
+// One exchange on a connection of its own.
+int exchange(const char* request, const char* body_file, json_ptr* answer, char* header) {
+    https_conn conn;
+    const int connected = connect_https(&conn, pluginmgr_config.quorvel_server);
+    if (connected != 0) {
+        log_err(__func__, __LINE__, "connect_https fail");
+        return connected;
+    }
+    const int result = https_handle_request_save_header(&conn, request, body_file, answer, header);
+    close_https(&conn);
+    return result;
+}
+
+void add_string(json_object* object, const char* key, const char* value) {
+    json_object_object_add(object, key, json_object_new_string(value));
+}
+
+json_ptr activation_body(const credentials& who, const char* vcode) {
+    json_ptr body(json_object_new_object());
+    add_string(body.get(), "mac", who.mac);
+    add_string(body.get(), "device_type", pluginmgr_config.hw_revision);
+    add_string(body.get(), "device_id", pluginmgr_config.device_id);
+    if (vcode != nullptr) {
+        add_string(body.get(), "vcode", vcode);
+    }
+    add_string(body.get(), "timestamp", who.timestamp);
+    add_string(body.get(), "sign", who.sign);
+    return body;
+}
+
+void build_post(char (&out)[PBX_REQUEST_SIZE], const char* path, const char* body) {
+    format_text(out,
+                "POST %s HTTP/1.1\r\n"
+                "Host: %s\r\n"
+                "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\r\n"
+                "Accept: */*\r\n"
+                "Content-Type:application/json\r\n"
+                "Content-Length: %zu\r\n"
+                "Connection: Close\r\n\r\n"
+                "%s",
+                path, pluginmgr_config.quorvel_server, strlen(body), body);
+}
+
+// One GET: path, the name of the query value that holds the token, what follows the signature.
+struct read_request {
+    const char* path;
+    const char* token_name;
+    const char* token;
+    std::string more;
+};
+
+int read_service(const read_request& what, json_ptr* answer) {
+    credentials who;
+    const int prepared = prepare(&who, {what.token});
+    if (prepared != 0) {
+        return prepared;
+    }
+    char request[PBX_REQUEST_SIZE] = {};
+    format_text(request,
+                "GET %s?mac=%s&%s=%s&timestamp=%s&sign=%s%s HTTP/1.1\r\n"
+                "Host: %s\r\n"
+                "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\r\n"
+                "Accept: */*\r\n"
+                "Connection: Close\r\n\r\n",
+                what.path, who.mac, what.token_name, what.token, who.timestamp, who.sign,
+                what.more.c_str(), pluginmgr_config.quorvel_server);
+    return exchange(request, nullptr, answer, nullptr);
+}
+
+// A read whose result is the service's own code, logged under name.
+int read_with_code(const char* name, const read_request& what, json_ptr* answer) {
+    const int exchanged = read_service(what, answer);
+    if (exchanged != 0) {
+        return exchanged;
+    }
+    const int code = get_response_code_from_json_resp(answer->get());
+    log_msg(LOG_API, 1, name, __LINE__, "%s return code %d", name, code);
+    return code;
+}
+
+void store_access_token(json_object* answer) {
+    // An answer without a token leaves the one that is there.
+    (void)get_param_from_json_resp(answer, "access_token", pluginmgr_config.quorvel_token,
+                                   sizeof pluginmgr_config.quorvel_token);
+    ini_set(SETTINGS_FILE, "Config", "quorvel_token", pluginmgr_config.quorvel_token);
+}
+
+int read_object(const char* name, const char* path, const char* key, const char* file) {
+    json_ptr answer;
+    const read_request what = {path, "token", pluginmgr_config.quorvel_token, ""};
+    const int code = read_with_code(name, what, &answer);
+    json_object* object = code == 0 ? json_member(answer.get(), key) : nullptr;
+    if (json_object_is_type(object, json_type_object)) {
+        (void)json_object_to_file(file, object);  // a full disk shows to whoever reads the file
+    }
+    return code;
+}
+
+}  // namespace
+
+int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]) {
+    credentials who;
+    const int prepared = prepare(&who, {pluginmgr_config.hw_revision, pluginmgr_config.device_id});
+    if (prepared != 0) {
+        return prepared;
+    }
+    const json_ptr body = activation_body(who, nullptr);
+    const char* text = json_object_to_json_string(body.get());
+    log_plain(LOG_API, 1, " send get active qr request %s", text);
+    char request[PBX_REQUEST_SIZE] = {};
+    build_post(request, "/v1/ippbx/activatecode", text);
+    char header[ANSWER_HEADER_SIZE] = {};
+    json_ptr answer;
+    const int exchanged = exchange(request, PBX_QR_IMAGE, &answer, header);
+    if (exchanged != 0) {
+        return exchanged;
+    }
+    if (answer != nullptr) {  // an error object in place of the image
+        log_msg(LOG_API, 1, __func__, __LINE__, "quorvel_active failed, code %d",
+                get_response_code_from_json_resp(answer.get()));
+        return ERR_PBX_REFUSED;
+    }
+    const std::string_view head = text_of(header);
+    const size_t at = head.find(TOKEN_HEADER);
+    if (at != std::string_view::npos && at + TOKEN_AT < head.size()) {
+        set_text(token, head.substr(at + TOKEN_AT, sizeof token - 1));
+    }
+    return 0;
+}
+
+int quorvel_check_qr_active_status(const char* token) {
+    json_ptr answer;
+    // Its log line names the read of the configuration, which has the same words.
+    const int code = read_with_code("quorvel_get_kq_config",
+                                    {"/v1/ippbx/activatecode", "active_token", token, ""}, &answer);
+    if (code == 0) {
+        store_access_token(answer.get());
+    }
+    return code;
+}
+
+int quorvel_active(const char* vcode) {
+    credentials who;
+    const int prepared =
+        prepare(&who, {pluginmgr_config.hw_revision, pluginmgr_config.device_id, vcode});
+    if (prepared != 0) {
+        return prepared;
+    }
+    const json_ptr body = activation_body(who, vcode);
+    const char* text = json_object_to_json_string(body.get());
+    log_plain(LOG_API, 1, " send active request %s", text);
+    char request[PBX_REQUEST_SIZE] = {};
+    build_post(request, "/v1/ippbx/activate", text);
+    json_ptr answer;
+    const int exchanged = exchange(request, nullptr, &answer, nullptr);
+    if (exchanged != 0) {
+        return exchanged;
+    }
+    const int code = get_response_code_from_json_resp(answer.get());
+    if (code != 0) {
+        log_msg(LOG_API, 1, __func__, __LINE__, "quorvel_active failed, code %d", code);
+        set_text(pluginmgr_config.quorvel_token, "");
+        return ERR_PBX_REFUSED;
+    }
+    store_access_token(answer.get());
+    return 0;
+}
+
+int quorvel_get_kq_config() {
+    return read_object(__func__, "/v1/ippbx/config", "sip_config", PBX_CONFIG_FILE);
+}
+
+int quorvel_get_kq_sipstatus() {
+    return read_object(__func__, "/v1/ippbx/status", "sip_status", PBX_STATUS_FILE);
+}
+
+int quorvel_get_kq_extensions(const char* start, char* extensions, size_t extensions_size,
+                              char* join_prefix, size_t join_prefix_size) {
+    json_ptr answer;
+    const read_request what = {"/v1/ippbx/extensions", "token", pluginmgr_config.quorvel_token,
+                               std::string("&start=") + start + "&limit=100"};
+    const int code = read_with_code(__func__, what, &answer);
+    if (code == 0) {
+        // What the answer lacks stays empty.
+        (void)get_param_from_json_resp(answer.get(), "extensions", extensions, extensions_size);
+        (void)get_param_from_json_resp(answer.get(), "join_prefix", join_prefix, join_prefix_size);
+    }
+    return code;
+}

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "control/pbx_state.h"
+
+#include <json-c/json.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "base/json.h"
+#include "base/result.h"
+#include "base/text.h"
+#include "cloud/pbx.h"
+#include "config/ini.h"
+#include "config/settings.h"
+#include "control/query.h"
+
+namespace {
+
+constexpr size_t QUERY_TEXT_SIZE = REQUEST_SIZE - REQUEST_HEADER + 1;
+constexpr size_t CURSOR_SIZE = 16;
+constexpr size_t JOIN_PREFIX_SIZE = 16;
+constexpr size_t EXTENSIONS_SIZE = 1024;
+constexpr size_t SIP_TEXT_SIZE = 64;
+
+json_ptr new_reply() {
+    json_ptr reply(json_object_new_object());
+    json_object_object_add(reply.get(), "result", json_object_new_string("ok"));
+    json_object_object_add(reply.get(), "code", json_object_new_int(0));
+    return reply;
+}
+
+void add_string(const json_ptr& reply, const char* key, const char* value) {
+    json_object_object_add(reply.get(), key, json_object_new_string(value));
+}
+
+void send_json(const boa_request& request, const json_ptr& reply) {
+    send_reply(request, json_object_to_json_string(reply.get()));
+}
+
+void store(const char* key, const char* value) {
+    ini_set(SETTINGS_FILE, "Config", key, value);  // in effect in memory all the same
+}
+
+// The SIP account as the last successful read left it, in memory and in the settings file.
+void cache_account(const char* user, const char* server) {
+    pluginmgr_config.quorvel_sipuser = heap_text(user);
+    pluginmgr_config.quorvel_sipserver = heap_text(server);
+    store("quorvel_sipuser", user);
+    store("quorvel_sipserver", server);
+}
+
+void drop_account() {
+    pluginmgr_config.quorvel_sipuser.reset();
+    pluginmgr_config.quorvel_sipserver.reset();
+    store("quorvel_sipuser", "");
+    store("quorvel_sipserver", "");
+}
+
+// What the state query collects on its way to the reply.
+struct pbx_state {
+    const char* registered = "false";  // 80031: an access token is held
+    const char* reachable = "false";   // 80032: the service reports a SIP address
+    char user[SIP_TEXT_SIZE] = {};
+    char server[SIP_TEXT_SIZE] = {};
+    int status = -1;
+};
+
+// The account from its file, or else the cached one; false when neither is there.
+bool find_account(pbx_state* state) {
+    const json_ptr file = parse_json_file(PBX_CONFIG_FILE);
+    if (file != nullptr) {
+        (void)json_text(file.get(), "user", state->user, sizeof state->user);
+        (void)json_text(file.get(), "server", state->server, sizeof state->server);
+        return true;
+    }
+    if (!pluginmgr_config.quorvel_sipuser) {
+        return false;
+    }
+    set_text(state->user, pluginmgr_config.quorvel_sipuser.get());
+    if (pluginmgr_config.quorvel_sipserver) {
+        set_text(state->server, pluginmgr_config.quorvel_sipserver.get());
+    }
+    return true;
+}
+
+// The service has answered: its status document goes into the reply.
+void take_status(pbx_state* state, const json_ptr& reply, json_ptr status) {
+    if (!pluginmgr_config.quorvel_sipuser) {
+        cache_account(state->user, state->server);
+    }
+    char address[SIP_TEXT_SIZE] = {};
+    (void)json_text(status.get(), "address", address, sizeof address);
+    if (!is_empty(address)) {
+        state->reachable = "true";
+    }
+    json_object_object_add(reply.get(), "sip_status", status.release());
+}
+
+// The service no longer accepts the token. The cached account stays until a new activation.
+void forget_token(pbx_state* state) {
+    state->registered = "false";
+    set_text(pluginmgr_config.quorvel_token, "");
+    store("quorvel_token", "");
+    set_text(state->user, "");
+    set_text(state->server, "");
+}
+
+int check_qr_code(const boa_request& request) {
+    const auto value = query_value(request.query(), "active_toekn=");  // spelt so by the pages
+    if (!value) {
+        return ERR_NO_QR_TOKEN;
+    }
+    char token[QUERY_TEXT_SIZE] = {};
+    set_text(token, *value);
+    return quorvel_check_qr_active_status(token);
+}
+
+void send_qr_code(const boa_request& request) {
+    char token[32] = {};
+    char code_token[PBX_QR_TOKEN_SIZE] = {};
+    const int code = quorvel_active_qr(code_token);
+    set_text(token, code_token);
+    char body[160] = {};
+    format_text(body, "{\"result\":\"%s\",\"code\":%d,\"active_token\":\"%s\", \"qr_png\":\"%s\"}",
+                code == 0 ? "ok" : "error", code, token, code == 0 ? "qvrkqqr.png" : "");
+    send_reply(request, body);
+}
+
+// The SIP password is handed to the web page once and not kept on disk afterwards.
+void send_config(const boa_request& request) {
+    const int code = quorvel_get_kq_config();
+    if (code != 0) {
+        send_result(request, code);
+        return;
+    }
+    const json_ptr reply = new_reply();
+    const json_ptr config = parse_json_file(PBX_CONFIG_FILE);
+    if (config != nullptr) {
+        char user[SIP_TEXT_SIZE] = {};
+        char server[SIP_TEXT_SIZE] = {};
+        (void)json_text(config.get(), "user", user, sizeof user);
+        (void)json_text(config.get(), "server", server, sizeof server);
+        json_object_object_add(reply.get(), "config", json_object_get(config.get()));
+        cache_account(user, server);
+    }
+    send_json(request, reply);
+    if (json_object_is_type(config.get(), json_type_object)) {
+        json_object_object_del(config.get(), "password");
+        (void)json_object_to_file(PBX_CONFIG_FILE, config.get());
+    }
+}
+
+}  // namespace
+
+void answer_pbx_state(const boa_request& request) {
+    pbx_state state;
+    if (!is_empty(pluginmgr_config.quorvel_token)) {
+        state.registered = "true";
+        if (find_account(&state)) {
+            state.status = quorvel_get_kq_sipstatus();
+        }
+    }
+    const json_ptr reply = new_reply();
+    add_string(reply, "id80035", pluginmgr_config.quorvel_service);
+    json_ptr status = parse_json_file(PBX_STATUS_FILE);
+    if (state.status == 0 && status != nullptr) {
+        take_status(&state, reply, std::move(status));
+    } else if (state.status == PBX_TOKEN_REFUSED) {
+        forget_token(&state);
+    }
+    add_string(reply, "id80031", state.registered);
+    add_string(reply, "id80032", state.reachable);
+    add_string(reply, "id80033", state.user);
+    add_string(reply, "id80034", state.server);
+    send_json(request, reply);
+}
+
+void answer_pbx_extensions(const boa_request& request) {
+    char cursor[CURSOR_SIZE] = {};
+    char extensions[EXTENSIONS_SIZE] = {};
+    char join_prefix[JOIN_PREFIX_SIZE] = {};
+    set_text(cursor, query_value(request.query(), "next=").value_or(""));
+    const int code = quorvel_get_kq_extensions(cursor, extensions, sizeof extensions, join_prefix,
+                                               sizeof join_prefix);
+    if (code != 0) {
+        send_result(request, code);
+        return;
+    }
+    const json_ptr reply = new_reply();
+    add_string(reply, "extensions", extensions);
+    add_string(reply, "join_prefix", join_prefix);
+    send_json(request, reply);
+}
+
+void activate_pbx(const boa_request& request, std::string_view vcode) {
+    char text[QUERY_TEXT_SIZE] = {};
+    set_text(text, vcode);
+    const int code = quorvel_active(text);
+    if (code == 0) {
+        (void)unlink(PBX_CONFIG_FILE);  // it may not be there
+        if (pluginmgr_config.quorvel_sipuser) {
+            drop_account();
+        }
+    }
+    send_result(request, code);
+}
+
+void act_on_pbx(const boa_request& request, std::string_view action) {
+    if (action == "check_kq_qrcode") {
+        send_result(request, check_qr_code(request));
+    } else if (action == "get_kq_qrcode") {
+        send_qr_code(request);
+    } else if (action == "get_kq_config") {
+        send_config(request);
+    }
+}
