@@ -36,6 +36,8 @@ WGETS = {"busybox": "/usr/bin/busybox", "gnu": "/usr/bin/wget"}
 MAC = "00:11:22:AA:bb:cc"
 DEFAULT_SETTINGS = {"loglevel": 8, "dns1": "127.0.0.1", "dns2": "127.0.0.2", "dns3": "127.0.0.3"}
 DEFAULT_PLUGINS = {"cloud_phone": "1.0.0"}
+ENROLLED = {"active_state": "true", "device_key": "key-of-the-device", "cloudserver": "on"}
+NOT_OFFERED = 10  # status of a plug-in that the platform has nothing for
 VERSION_FILE = "HW_REVISION=V1.0 KQ900-A\nSW_REVISION=REL 53.20.1\n"
 
 # Every process of the device inherits this from the daemon's environment; it is how they are
@@ -278,6 +280,17 @@ class Device:
             self.wait_ready(child)
         return child
 
+    def start_enrolled(self, platform, settings=None, agents=(), rate=1):
+        """Resets and starts, with faketime, a device that the platform knows already; settings over
+        ENROLLED. On return its start is over: none of it logs or asks any more."""
+        platform.cloud.device.active = True
+        self.reset(settings=ENROLLED | (settings or {}), agents=agents)
+        self.shift_time(0, rate)
+        self.start(faketime=True)
+        platform.wait_request(lambda one: "versions" in one.query)
+        wait_until(lambda: self.plugins()["pluginmgr"]["status"] == NOT_OFFERED, what="the check")
+        return self
+
     def is_ready(self):
         """Whether the daemon that holds the pid file has opened the control port. Its log is no
         sign: a line that meets another thread's is left out."""
@@ -289,9 +302,10 @@ class Device:
             return self.pid() == child.pid and self.is_ready()
         wait_until(ready_or_gone, timeout, "the start of the daemon")
 
-    def shift_time(self, seconds):
-        """Sets the daemon's wall clock this far from the real one (negative: back)."""
-        write_text(FAKE_TIME_FILE + ".new", f"{seconds:+d}")
+    def shift_time(self, seconds, rate=1):
+        """Sets the daemon's wall clock this far from the real one (negative: back). With a rate it
+        runs so many times faster, and the daemon's pauses and time limits are that much shorter."""
+        write_text(FAKE_TIME_FILE + ".new", f"{seconds:+d}" + (f" x{rate}" if rate != 1 else ""))
         os.replace(FAKE_TIME_FILE + ".new", FAKE_TIME_FILE)
 
     def pid(self):
@@ -368,6 +382,19 @@ class Device:
     def query(self, text, timeout=25.0, **header):
         """The first reply to a query text, None when nobody answers."""
         return next(iter(self.query_all(text, count=1, timeout=timeout, **header)), None)
+
+    def replies(self, text, timeout=20.0):
+        """The JSON of each reply to one query text, in order, with no waiting for more: a second
+        request from the same socket, which is always answered, marks the end."""
+        replies = []
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as one:
+            one.settimeout(timeout)
+            for cookie, query in ((1, text), (2, "method=gw.config.get&id=80037")):
+                head = HEADER.pack(b"", cookie, 0x7F000001, 1, 0, 0, 0)
+                one.sendto(head + query.encode("latin-1"), CONTROL_PORT)
+            while HEADER.unpack_from(raw := one.recv(65536))[1] == 1:
+                replies.append(json.loads(raw[HEADER.size:]))
+        return replies
 
     def datagram(self, data, count=0, timeout=0.0):
         """Sends bytes to the control port as they are; the replies, as query_all."""

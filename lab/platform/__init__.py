@@ -6,13 +6,13 @@ import time
 
 from ..deployment import ACCOUNTS_SERVER, API_SERVER, DOWNLOAD_SERVER, PBX_SERVER
 from .certificates import server_context
-from .cloud import DEVICE_ID, DEVICE_MAC, Cloud, Offer, Record, coded, credential
+from .cloud import DEVICE_ID, DEVICE_MAC, Cloud, Offer, Record, basic, coded, credential
 from .dns import NameServers, Reply
 from .host import Host
 from .messages import Answer, Request, redirect
 
 __all__ = ["Answer", "Cloud", "DEVICE_ID", "DEVICE_MAC", "Host", "NameServers", "Offer",
-           "Platform", "Record", "Reply", "Request", "coded", "credential", "redirect"]
+           "Platform", "Record", "Reply", "Request", "basic", "coded", "credential", "redirect"]
 
 ADDRESSES = {
     API_SERVER: "127.0.0.11",

@@ -73,6 +73,11 @@ def credential(request):
     return base64.b64decode(value).decode("latin-1") if scheme == "Basic" else ""
 
 
+def basic(text):
+    """The value of the header that credential() reads."""
+    return "Basic " + base64.b64encode(text.encode("latin-1")).decode()
+
+
 def hmac_hex(key, text):
     return hmac.new(key, text.encode("latin-1"), hashlib.sha1).hexdigest()
 
@@ -251,10 +256,14 @@ class Cloud:
                                     {"access_token": self.pbx_token}),
                    "config": (token == self.pbx_token, {"sip_config": self.sip_config}),
                    "status": (token == self.pbx_token, {"sip_status": self.sip_status}),
-                   "extensions": (token == self.pbx_token, {"extensions": self.extensions,
+                   "extensions": (token == self.pbx_token, {"extensions": self._page(query),
                                                             "join_prefix": self.join_prefix})}
         accepted, values = answers[kind]
         return coded(OK, **values) if accepted else coded(PBX_TOKEN_REFUSED)
+
+    def _page(self, query):
+        first, count = int(query.get("start") or 0), int(query.get("limit") or 0)
+        return self.extensions[first:first + count]
 
     def _pbx_signed(self, request, fields, text):
         timestamp = fields.get("timestamp", "")

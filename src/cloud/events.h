@@ -16,7 +16,7 @@ extern std::atomic<int> activation_state;
 constexpr size_t SIGNATURE_SIZE = 41;  // 40 hexadecimal digits and the terminator
 
 // Performs the event that name begins with. conn null is the API connection. param is the text of
-// "app_report". 0, a local code (16, 17, 21, 23, 91), a transport or exchange code, or the
+// "app_report". 0, a local code (16, 17, 21, 23, 31, 91), a transport or exchange code, or the
 // platform's own code.
 int pluginmgr_api_with_param(https_conn* conn, const char* name, const char* param);
 int pluginmgr_api(https_conn* conn, const char* name);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cloud/pbx.h"
 
+#include <fcntl.h>
 #include <json-c/json.h>
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/handles.h"
 #include "base/json.h"
 #include "base/result.h"
 #include "base/text.h"
@@ -26,7 +28,8 @@
 namespace {
 
 constexpr size_t SIGN_TEXT_SIZE = 256;
-constexpr size_t PBX_REQUEST_SIZE = 1024;
+constexpr size_t PBX_REQUEST_SIZE = 2048;  // holds any code whole, escaped as JSON
+constexpr mode_t FILE_MODE = 0644;
 constexpr std::string_view TOKEN_HEADER = "X-Kzt-Activetoken";
 constexpr size_t TOKEN_AT = 19;  // behind the header's name, a colon and a blank
 
@@ -158,12 +161,20 @@ int read_object(const char* name, const char* path, const char* key, const char*
     const int code = read_with_code(name, what, &answer);
     json_object* object = code == 0 ? json_member(answer.get(), key) : nullptr;
     if (json_object_is_type(object, json_type_object)) {
-        (void)json_object_to_file(file, object);  // a full disk shows to whoever reads the file
+        save_pbx_file(file, object);
     }
     return code;
 }
 
 }  // namespace
+
+void save_pbx_file(const char* path, json_object* object) {
+    // Not json_object_to_file(): programs started meanwhile would inherit its descriptor.
+    const unique_fd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE));
+    if (file) {
+        (void)json_object_to_fd(file.get(), object, JSON_C_TO_STRING_PLAIN);
+    }
+}
 
 int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]) {
     credentials who;

@@ -1,18 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 // Client of the hosted PBX service: activation by QR code or verification code, and three reads
-// made with the access token. Owns the files /tmp/web/qvrkqqr.png, /var/config/cloud/sip.config
-// and /tmp/quorvelsip.status, written on success only. Each call opens and closes a connection of
-// its own. Control thread.
+// made with the access token. Owns three files: the QR image, emptied as soon as a new one has been
+// asked for, and the SIP account and status, written on success only. Each call opens and closes a
+// connection of its own. Control thread.
 //
-// Every function returns 0, ERR_PBX_OFF while the service is switched off, ERR_NO_MAC, a code of
+// Every operation returns 0, ERR_PBX_OFF while the service is switched off, ERR_NO_MAC, a code of
 // the connection or the exchange, or what is said of it.
 #pragma once
 
 #include <cstddef>
 
+#include "base/json.h"
+
 constexpr const char* PBX_QR_IMAGE = "/tmp/web/qvrkqqr.png";
 constexpr const char* PBX_CONFIG_FILE = "/var/config/cloud/sip.config";
 constexpr const char* PBX_STATUS_FILE = "/tmp/quorvelsip.status";
+
+// Replaces the account or the status file. Nothing is reported: a full disk shows to whoever reads
+// the file.
+void save_pbx_file(const char* path, json_object* object);
 
 constexpr size_t PBX_QR_TOKEN_SIZE = 11;  // 10 characters and the terminator
 

@@ -51,16 +51,6 @@ void put_word(char* reply, size_t offset, uint32_t value) {
     memcpy(reply + offset, &value, sizeof value);
 }
 
-}  // namespace
-
-uint32_t boa_request::word(size_t offset) const {
-    uint32_t value = 0;
-    memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
-
-namespace {
-
 void send_to_peer(const boa_request& request, std::string_view json) {
     char reply[REPLY_SIZE] = {};
     memcpy(reply + REQUEST_HEADER, json.data(), json.size());
@@ -75,6 +65,12 @@ void send_to_peer(const boa_request& request, std::string_view json) {
 }
 
 }  // namespace
+
+uint32_t boa_request::word(size_t offset) const {
+    uint32_t value = 0;
+    memcpy(&value, bytes + offset, sizeof value);
+    return value;
+}
 
 void send_reply(const boa_request& request, std::string_view json) {
     json = json.substr(0, REPLY_BODY);

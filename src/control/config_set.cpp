@@ -168,7 +168,7 @@ void set_active_token(change& now) {
     }
 }
 
-int bind() {
+int bind_by_token() {
     const int code = pluginmgr_api(nullptr, "bind_actoken");
     if (code == 0) {
         store("active_token", pluginmgr_config.active_token);
@@ -196,7 +196,7 @@ void set_binding(change& now) {
         return;
     }
     if (value->starts_with("true")) {
-        now.code = now.account_login ? login_and_bind() : bind();
+        now.code = now.account_login ? login_and_bind() : bind_by_token();
     } else if (value->starts_with("false")) {
         now.code = unbind();
     }

@@ -4,7 +4,7 @@
 #include <json-c/json.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <utility>
 
 #include "base/json.h"
 #include "base/result.h"
@@ -41,7 +41,7 @@ void store(const char* key, const char* value) {
     ini_set(SETTINGS_FILE, "Config", key, value);  // in effect in memory all the same
 }
 
-// The SIP account as the last successful read left it, in memory and in the settings file.
+// Keeps whole copies of the SIP account in memory and in the settings file.
 void cache_account(const char* user, const char* server) {
     pluginmgr_config.quorvel_sipuser = heap_text(user);
     pluginmgr_config.quorvel_sipserver = heap_text(server);
@@ -54,6 +54,12 @@ void drop_account() {
     pluginmgr_config.quorvel_sipserver.reset();
     store("quorvel_sipuser", "");
     store("quorvel_sipserver", "");
+}
+
+// The text of a member, borrowed; empty when there is none.
+const char* member_text(const json_ptr& object, const char* key) {
+    const char* text = json_object_get_string(json_member(object.get(), key));
+    return text == nullptr ? "" : text;
 }
 
 // What the state query collects on its way to the reply.
@@ -116,13 +122,11 @@ int check_qr_code(const boa_request& request) {
 }
 
 void send_qr_code(const boa_request& request) {
-    char token[32] = {};
-    char code_token[PBX_QR_TOKEN_SIZE] = {};
-    const int code = quorvel_active_qr(code_token);
-    set_text(token, code_token);
+    char token[PBX_QR_TOKEN_SIZE] = {};
+    const int code = quorvel_active_qr(token);
     char body[160] = {};
     format_text(body, "{\"result\":\"%s\",\"code\":%d,\"active_token\":\"%s\", \"qr_png\":\"%s\"}",
-                code == 0 ? "ok" : "error", code, token, code == 0 ? "qvrkqqr.png" : "");
+                result_word(code), code, token, code == 0 ? "qvrkqqr.png" : "");
     send_reply(request, body);
 }
 
@@ -136,17 +140,13 @@ void send_config(const boa_request& request) {
     const json_ptr reply = new_reply();
     const json_ptr config = parse_json_file(PBX_CONFIG_FILE);
     if (config != nullptr) {
-        char user[SIP_TEXT_SIZE] = {};
-        char server[SIP_TEXT_SIZE] = {};
-        (void)json_text(config.get(), "user", user, sizeof user);
-        (void)json_text(config.get(), "server", server, sizeof server);
         json_object_object_add(reply.get(), "config", json_object_get(config.get()));
-        cache_account(user, server);
+        cache_account(member_text(config, "user"), member_text(config, "server"));
     }
     send_json(request, reply);
     if (json_object_is_type(config.get(), json_type_object)) {
         json_object_object_del(config.get(), "password");
-        (void)json_object_to_file(PBX_CONFIG_FILE, config.get());
+        save_pbx_file(PBX_CONFIG_FILE, config.get());
     }
 }
 

@@ -6,6 +6,9 @@
 #include <string_view>
 
 #include "client.h"
+#include "commands.h"
+
+struct json_object;
 
 // Writes "pluginctl: " and a printf text to standard error, after what standard output holds.
 void complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -24,8 +27,18 @@ int judge_code(const std::string& reply);
 
 void print_as_it_came(const std::string& reply);
 
+// Sends a query that has one answer with a code. EXIT_DONE, or the exit status, told. The answer
+// is in reply when there was one, and printed in JSON mode. A query that is too long is refused.
+int request(const command_context& context, const std::string& query, std::string* reply);
+
+// The text of a member, fit for a terminal; "-" when it is missing or empty.
+[[nodiscard]] std::string field(json_object* value, const char* key);
+
 // False, told, for a value with '&': it would end there, for the daemon decodes nothing.
 [[nodiscard]] bool can_carry(const std::string& what, std::string_view value);
+
+// False, told, for a value that is longer than limit: the daemon would cut it.
+[[nodiscard]] bool is_within(const std::string& what, std::string_view value, size_t limit);
 
 // False, told, for a query text that is too long for a request.
 [[nodiscard]] bool fits(const std::string& query);

@@ -26,8 +26,9 @@ constexpr size_t NUM_VARIABLE_AT = 16;
 // The plug-in list: needs neither the cloud nor an agent, and changes nothing.
 constexpr std::string_view MARKER_QUERY = "method=gw.config.get&id=80005";
 
-// Seconds between two markers once a first answer has come.
-constexpr double MARKER_INTERVAL = 2;
+// Seconds between two markers once a first answer has come. Shorter than the second for which a
+// restart closes the port at least, so that none goes unseen.
+constexpr double MARKER_INTERVAL = 0.5;
 
 struct reply {
     uint32_t cookie = 0;

@@ -14,9 +14,11 @@ constexpr int EXIT_NOBODY = 3;  // no answer
 
 struct command_context {
     const client& daemon;
-    double timeout;  // seconds for an answer
-    bool json;       // print the daemon's JSON
-    bool watch;      // follow an upgrade to its end
+    double timeout;    // seconds for an answer
+    bool json;         // print the daemon's JSON
+    bool watch;        // follow an upgrade to its end
+    double wait;       // seconds to wait for a user, 0: not at all
+    const char* from;  // file that holds a secret, "-" for standard input; null: ask for it
 };
 
 using arguments = std::span<char* const>;
@@ -25,6 +27,26 @@ int run_status(const command_context& context, arguments words);
 int run_check(const command_context& context, arguments words);
 int run_update(const command_context& context, arguments words);
 int run_cancel(const command_context& context, arguments words);
+
 int run_get(const command_context& context, arguments words);
 int run_set(const command_context& context, arguments words);
 int run_raw(const command_context& context, arguments words);
+
+int run_mode(const command_context& context, arguments words);
+int run_bind(const command_context& context, arguments words);
+int run_unbind(const command_context& context, arguments words);
+int run_login(const command_context& context, arguments words);
+int run_authcode(const command_context& context, arguments words);
+
+int run_pbx_status(const command_context& context, arguments words);
+int run_pbx_qr(const command_context& context, arguments words);
+int run_pbx_check(const command_context& context, arguments words);
+int run_pbx_activate(const command_context& context, arguments words);
+int run_pbx_config(const command_context& context, arguments words);
+int run_pbx_extensions(const command_context& context, arguments words);
+
+// Over the Unix socket that the cloud agent talks to.
+int run_report(const command_context& context, arguments words);
+int run_loglevel(const command_context& context, arguments words);
+int run_device_code(const command_context& context, arguments words);
+int run_cloud_address(const command_context& context, arguments words);

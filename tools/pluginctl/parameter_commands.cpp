@@ -12,6 +12,7 @@
 #include "base/text.h"
 #include "commands.h"
 #include "plugins.h"
+#include "restart.h"
 #include "words.h"
 
 namespace {
@@ -145,6 +146,12 @@ bool show_set_replies(const command_context& context, const std::vector<int>& id
     return done;
 }
 
+// Both set the run mode.
+bool may_restart(const std::vector<int>& ids) {
+    return std::count(ids.begin(), ids.end(), 80000) > 0 ||
+           std::count(ids.begin(), ids.end(), 80014) > 0;
+}
+
 void report_missing_replies(ending end, int got, int expected) {
     const char* reason = "the rest did not come in time";
     if (end == ending::REFUSED) {
@@ -204,7 +211,9 @@ int run_set(const command_context& context, arguments words) {
             printf("%d: sent; pluginmgr gives no answer to this one\n", id);
         }
     }
-    return done ? EXIT_DONE : EXIT_NOT_DONE;
+    const int result = done ? EXIT_DONE : EXIT_NOT_DONE;
+    return may_restart(ids) ? std::max(result, follow_restart(context.daemon, context.json))
+                            : result;
 }
 
 int run_raw(const command_context& context, arguments words) {

@@ -21,13 +21,6 @@ constexpr const char* STATE_QUERY = "method=gw.config.get&id=80000";
 constexpr const char* LIST_QUERY = "method=gw.config.get&id=80005";
 constexpr const char* CHECK_QUERY = "method=gw.config.get&id=80025";
 
-// The text of a member; "-" when it is missing or empty.
-std::string field(json_object* value, const char* key) {
-    json_object* member = json_member(value, key);
-    const char* text = member == nullptr ? nullptr : json_object_get_string(member);
-    return is_empty(text) ? "-" : printable(text);
-}
-
 // A plug-in's name goes into a query whose keys the daemon looks up anywhere in the text.
 bool is_sendable_name(const char* name) {
     if (is_empty(name) || std::string_view(name).find('=') != std::string_view::npos) {
@@ -65,18 +58,10 @@ int report_unknown(const std::string& name, const std::vector<plugin>& list) {
 int request_action(const command_context& context, const std::string& name, const char* action,
                    bool show_json) {
     std::string reply;
-    const std::string query = "method=gw.app.action&pluginName=" + name + "&pluginAction=" + action;
-    if (!fits(query)) {
-        return EXIT_USAGE;
-    }
-    const ending end = ask(context.daemon, query, context.timeout, &reply);
-    if (end != ending::ANSWERED) {
-        return nobody(end);
-    }
-    if (show_json) {
-        print_as_it_came(reply);
-    }
-    return judge_code(reply);
+    command_context silent = context;
+    silent.json = show_json;
+    return request(silent, "method=gw.app.action&pluginName=" + name + "&pluginAction=" + action,
+                   &reply);
 }
 
 void print_outcome(const judgement& outcome, const upgrade_watch& watch, double seconds) {

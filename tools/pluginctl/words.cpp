@@ -15,9 +15,6 @@ struct number_words {
     const char* words;
 };
 
-constexpr int ERR_NO_QR_TOKEN = 18600;
-constexpr int PBX_TOKEN_REFUSED = 20006;
-
 constexpr number_words CODES[] = {
     {0, "done"},
     {FAILED, "a system call failed, or nothing was performed"},
@@ -33,7 +30,7 @@ constexpr number_words CODES[] = {
     {ERR_NO_MAC, "the device's MAC address could not be read"},
     {ERR_LOGIN, "login at the accounts server failed"},
     {ERR_PBX_REFUSED, "the PBX service refused the activation"},
-    {ERR_PBX_OFF, "the PBX service is switched off"},
+    {ERR_PBX_OFF, "the PBX service is switched off; 'pluginctl set 80035=on' switches it on"},
     {ERR_UPGRADE_PENDING, "another upgrade has been requested already; it has to end first"},
     {ERR_NO_MEMORY, "not enough free memory for the package (its size and 4 MiB)"},
     {ERR_UNKNOWN_EVENT, "no such action, or its input is missing"},
