@@ -111,6 +111,30 @@ void build_post(char (&out)[PBX_REQUEST_SIZE], const char* path, const char* bod
                 path, pluginmgr_config.quorvel_server, strlen(body), body);
 }
 
+// One POST: path, its name in the log, the verification code and the file for the answer's body,
+// each when there is one.
+struct activation {
+    const char* path;
+    const char* name;
+    const char* vcode;
+    const char* body_file;
+};
+
+int ask_activation(const activation& what, json_ptr* answer, char* header) {
+    credentials who;
+    const int prepared = prepare(&who, {pluginmgr_config.hw_revision, pluginmgr_config.device_id,
+                                        what.vcode == nullptr ? "" : what.vcode});
+    if (prepared != 0) {
+        return prepared;
+    }
+    const json_ptr body = activation_body(who, what.vcode);
+    const char* text = json_object_to_json_string(body.get());
+    log_plain(LOG_API, 1, " send %s request %s", what.name, text);
+    char request[PBX_REQUEST_SIZE] = {};
+    build_post(request, what.path, text);
+    return exchange(request, what.body_file, answer, header);
+}
+
 // One GET: path, the name of the query value that holds the token, what follows the signature.
 struct read_request {
     const char* path;
@@ -177,19 +201,10 @@ void save_pbx_file(const char* path, json_object* object) {
 }
 
 int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]) {
-    credentials who;
-    const int prepared = prepare(&who, {pluginmgr_config.hw_revision, pluginmgr_config.device_id});
-    if (prepared != 0) {
-        return prepared;
-    }
-    const json_ptr body = activation_body(who, nullptr);
-    const char* text = json_object_to_json_string(body.get());
-    log_plain(LOG_API, 1, " send get active qr request %s", text);
-    char request[PBX_REQUEST_SIZE] = {};
-    build_post(request, "/v1/ippbx/activatecode", text);
     char header[ANSWER_HEADER_SIZE] = {};
     json_ptr answer;
-    const int exchanged = exchange(request, PBX_QR_IMAGE, &answer, header);
+    const int exchanged = ask_activation(
+        {"/v1/ippbx/activatecode", "get active qr", nullptr, PBX_QR_IMAGE}, &answer, header);
     if (exchanged != 0) {
         return exchanged;
     }
@@ -218,19 +233,9 @@ int quorvel_check_qr_active_status(const char* token) {
 }
 
 int quorvel_active(const char* vcode) {
-    credentials who;
-    const int prepared =
-        prepare(&who, {pluginmgr_config.hw_revision, pluginmgr_config.device_id, vcode});
-    if (prepared != 0) {
-        return prepared;
-    }
-    const json_ptr body = activation_body(who, vcode);
-    const char* text = json_object_to_json_string(body.get());
-    log_plain(LOG_API, 1, " send active request %s", text);
-    char request[PBX_REQUEST_SIZE] = {};
-    build_post(request, "/v1/ippbx/activate", text);
     json_ptr answer;
-    const int exchanged = exchange(request, nullptr, &answer, nullptr);
+    const int exchanged =
+        ask_activation({"/v1/ippbx/activate", "active", vcode, nullptr}, &answer, nullptr);
     if (exchanged != 0) {
         return exchanged;
     }

@@ -154,6 +154,24 @@ int renew_offer(const command_context& context, const std::string& name, plugin*
     return EXIT_DONE;
 }
 
+// The entry of the plug-in that is named, as the daemon has it now.
+int find_named(const command_context& context, const char* name, plugin* entry) {
+    std::vector<plugin> list;
+    if (!is_sendable_name(name)) {
+        return EXIT_USAGE;
+    }
+    const int result = ask_list(context, LIST_QUERY, &list);
+    if (result != EXIT_DONE) {
+        return result;
+    }
+    const plugin* found = find_plugin(list, name);
+    if (found == nullptr) {
+        return report_unknown(name, list);
+    }
+    *entry = *found;
+    return EXIT_DONE;
+}
+
 }  // namespace
 
 int run_status(const command_context& context, arguments) {
@@ -215,20 +233,9 @@ int run_check(const command_context& context, arguments) {
 
 int run_update(const command_context& context, arguments words) {
     const std::string name = words[0];
-    std::vector<plugin> list;
-    if (!is_sendable_name(words[0])) {
-        return EXIT_USAGE;
-    }
-    int result = ask_list(context, LIST_QUERY, &list);
-    if (result != EXIT_DONE) {
-        return result;
-    }
-    const plugin* found = find_plugin(list, name);
-    if (found == nullptr) {
-        return report_unknown(name, list);
-    }
-    plugin entry = *found;
-    if (is_ended(entry.status)) {
+    plugin entry;
+    int result = find_named(context, words[0], &entry);
+    if (result == EXIT_DONE && is_ended(entry.status)) {
         result = renew_offer(context, name, &entry);
     }
     if (result != EXIT_DONE) {
@@ -254,23 +261,16 @@ int run_update(const command_context& context, arguments words) {
 
 int run_cancel(const command_context& context, arguments words) {
     const std::string name = words[0];
-    std::vector<plugin> list;
-    if (!is_sendable_name(words[0])) {
-        return EXIT_USAGE;
-    }
-    int result = ask_list(context, LIST_QUERY, &list);
+    plugin entry;
+    int result = find_named(context, words[0], &entry);
     if (result != EXIT_DONE) {
         return result;
     }
-    const plugin* entry = find_plugin(list, name);
-    if (entry == nullptr) {
-        return report_unknown(name, list);
-    }
     result = request_action(context, name, "cancel", context.json);
     if (result == EXIT_DONE && !context.json) {
-        printf("%s: cancelled (was: %s)\n", name.c_str(), state_of(*entry));
+        printf("%s: cancelled (was: %s)\n", name.c_str(), state_of(entry));
     }
-    if (result == EXIT_DONE && entry->status == APP_INSTALLING) {
+    if (result == EXIT_DONE && entry.status == APP_INSTALLING) {
         complain(
             "the installation was broken off; pluginmgr installs nothing more until it is "
             "restarted");
