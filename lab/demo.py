@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""`./dev demo`: a device from power-on to its upgraded plug-ins, as a story. Each line tells a
-thing that was observed on the wire, in the device's files, logs and processes, or in what
-pluginctl says. Exit status 0 when all of it happened, else 1.
+"""`./dev demo`: a device from power-on to its upgraded plug-ins and in its owner's hands, as a story
+in two acts. Each line tells a thing that was observed on the wire, in the device's files, logs and
+processes, or in what pluginctl says. Exit status 0 when all of it happened, else 1.
 
 The daemon is the release build at its real paths; the platform, the name servers and the agents
 are the lab's."""
@@ -14,6 +14,7 @@ import sys
 import threading
 import time
 
+from lab import act_two
 from lab.deployment import API_SERVER, DOWNLOAD_SERVER, VERSION
 from lab.device import (DAEMON, ENVIRONMENT, FLASH, HOSTS, VERSION_LIST, Agent, Device,
                         agent_program, read_text)
@@ -350,7 +351,7 @@ CHAPTERS = (
     ("cloudae falls silent", silence),
     ("The daemon upgrades itself", self_upgrade),
     ("A second copy", second_copy),
-)
+) + act_two.CHAPTERS
 
 
 def save_evidence(s):
@@ -377,8 +378,8 @@ def main():
     started = time.monotonic()
     s = Scene()
     s.story.page.line()
-    s.say(f"pluginmgr {VERSION}, from power-on to its upgraded plug-ins: the release build on a "
-          "simulated device, with its cloud platform.")
+    s.say(f"pluginmgr {VERSION}, from power-on to its upgraded plug-ins and its owner's settings: "
+          "the release build on a simulated device, with its cloud platform.")
     try:
         tell(s)
     except KeyboardInterrupt:

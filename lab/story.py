@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Tells what happens on a device to a person: chapters, a line for each thing observed, and the
 output of commands, live where standard output is a terminal and as plain lines elsewhere."""
+import codecs
 import fcntl
 import os
 import pty
@@ -26,6 +27,7 @@ FRAME = re.compile(r"(?P<state>.*?)  (?:\[[#.]+\] +(?P<percent>\d+) %.*|[|/\\-])
 ERRORS = (AssertionError, AttributeError, LookupError, OSError, RuntimeError, StopIteration,
           TypeError, ValueError)
 BREAKS = re.compile(r"(\r\x1b\[K|\r?\n)")      # a line drawn anew, a line ended
+COLOUR = re.compile(r"\x1b\[[0-9;]*m")
 HALF_BREAK = re.compile(r"\r(?:\x1b\[?)?\Z")    # the rest of it comes with the next read
 
 
@@ -92,7 +94,8 @@ class Quotation:
         if frame and not self.page.live:
             return self._show_once(frame)
         self.text += "" if frame else piece
-        self.page.write((QUOTE if self._fresh else "") + piece)
+        shown = piece if self.page.live else COLOUR.sub("", piece)
+        self.page.write((QUOTE if self._fresh else "") + shown)
         self._fresh = False
 
     def _show_once(self, frame):
@@ -154,7 +157,7 @@ class Story:
         """Runs a program on a terminal of its own: (exit status, text, percents of its bar)."""
         self.page.line(MARGIN + self.page.styled(
             "command", " ".join(("$", os.path.basename(program)) + words)))
-        quotation = Quotation(self.page)
+        quotation, decoder = Quotation(self.page), codecs.getincrementaldecoder("utf-8")("replace")
         ours, its = pty.openpty()
         size = struct.pack("4H", 24, self.page.width - len(QUOTE), 0, 0)
         fcntl.ioctl(its, termios.TIOCSWINSZ, size)
@@ -164,7 +167,7 @@ class Story:
             limit = threading.Timer(COMMAND_LIMIT, child.kill)
             limit.start()
             while data := _read(ours):
-                quotation.feed(data.decode(errors="replace"))
+                quotation.feed(decoder.decode(data))
             limit.cancel()
         os.close(ours)
         return child.returncode, quotation.text, quotation.percents
