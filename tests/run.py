@@ -2,7 +2,8 @@
 """Runs every test of the project and closes with the line 'N passed, N failed'.
 
 The unit tests run as they are and under ASan and UBSan; each file of tests/system runs in a
-sandbox of its own, several side by side, for they mostly sleep. What a run leaves (output, JUnit
+sandbox of its own, several side by side, for they mostly sleep. Each fuzz target runs for a few
+seconds and counts as one test. What a run leaves (output, JUnit
 results, logs of failed tests) is in build/test/.
 
     python3 tests/run.py [--build PRESET] [FILE...]
@@ -31,6 +32,8 @@ SANITIZERS = {
     "TSAN_OPTIONS": f"log_path=/lab-out/{REPORT} exitcode=0 report_thread_leaks=0 "
                     "suppressions=/lab-src/tests/tsan.supp",
 }
+FUZZ = ROOT / "tests" / "fuzz"
+FUZZ_SECONDS = 4
 SANDBOXES = 3 * (os.cpu_count() or 2)
 
 
@@ -52,6 +55,12 @@ def system_job(path, preset):
     return (f"system {path.stem}", command, out / "results.xml")
 
 
+def fuzz_job(target):
+    """One fuzz target for a few seconds; it has no results file, its exit status tells."""
+    command = [PYTHON, str(FUZZ / "fuzz.py"), f"--seconds={FUZZ_SECONDS}", target]
+    return (f"fuzz {target}", command, None)
+
+
 def counts(results):
     """Passed and failed tests of a JUnit file; a file that is not there is one failure."""
     if not results.exists():
@@ -68,7 +77,7 @@ def counts(results):
 def run(job):
     """Runs one job; returns its name, output, counts and seconds."""
     name, command, results = job
-    in_sandbox = results.parent != OUT
+    in_sandbox = results is not None and results.parent != OUT
     environment = os.environ | (SANITIZERS if in_sandbox else {})
     began = time.monotonic()
     try:
@@ -77,7 +86,7 @@ def run(job):
         output, code = done.stdout.decode(errors="replace"), done.returncode
     except subprocess.TimeoutExpired as late:
         output, code = (late.stdout or b"").decode(errors="replace") + "\ntimed out", -1
-    passed, failed = counts(results)
+    passed, failed = counts(results) if results else (int(code == 0), int(code != 0))
     reports = sorted(results.parent.glob(REPORT + ".*")) if in_sandbox else []
     output += "".join(report.read_text(errors="replace") for report in reports)
     if (code != 0 or reports) and failed == 0:
@@ -95,6 +104,8 @@ def main(arguments):
     chosen = parser.parse_args(arguments)
     whole = not chosen.files and chosen.build == "release"
     jobs = [unit_job("release"), unit_job("asan")] if whole else []
+    jobs += [fuzz_job(path.stem) for path in sorted(FUZZ.glob("*.cpp"))
+             if whole and path.stem != "world"]
     jobs += [system_job(path, chosen.build) for path in
              chosen.files or sorted((ROOT / "tests" / "system").glob("test_*.py"))]
     passed = failed = 0

@@ -50,6 +50,21 @@ bool append_format(char* out, size_t size, const char* format, ...) {
     return whole;
 }
 
+std::string one_line(std::string_view text) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string line;
+    line.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            line += {'%', digits[byte >> 4], digits[byte & 15]};
+        } else {
+            line += c;
+        }
+    }
+    return line;
+}
+
 int to_int(std::string_view text) {
     size_t at = 0;
     while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r'))) {

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 // Writes value into out (size bytes in all). True when it fitted whole, false when it was cut.
@@ -54,6 +55,10 @@ inline bool has_prefix(const char* text, std::string_view prefix) {
 inline bool is_empty(const char* text) {
     return text == nullptr || text[0] == '\0';
 }
+
+// The text with its control characters (below 0x20, and 0x7f) as %XX. For foreign values in what
+// is read line by line, such as the path and the headers of a request: it stays on its line.
+std::string one_line(std::string_view text);
 
 // What atoi() gives for the leading decimal number of text (blanks and a sign allowed), without
 // its undefined overflow: values outside an int are held at its limits. 0 when there is none.

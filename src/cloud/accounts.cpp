@@ -39,7 +39,7 @@ void build_request(const char* host, char (&out)[LOGIN_REQUEST_SIZE]) {
                 "Content-Length: %zu\n"
                 "Connection: Close\r\n\r\n"
                 "%s\r\n",
-                host, credential, strlen(body), body);
+                one_line(host).c_str(), credential, strlen(body), body);
 }
 
 // Asks once more on a fresh connection when a kept one fails.

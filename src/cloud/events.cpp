@@ -273,7 +273,7 @@ const char* argument_text(arg which, const event_call& call) {
     return "";
 }
 
-// A path that does not fit is cut at its end, and sent.
+// A path that does not fit, its control characters escaped, is cut at its end, and sent.
 void build_path(std::span<char> out, const event& what, const event_call& call) {
     std::string_view rest = what.path;
     for (const arg which : what.args) {
@@ -282,7 +282,7 @@ void build_path(std::span<char> out, const event& what, const event_call& call) 
             break;
         }
         append_text(out.data(), out.size(), rest.substr(0, gap));
-        append_text(out.data(), out.size(), argument_text(which, call));
+        append_text(out.data(), out.size(), one_line(argument_text(which, call)));
         rest.remove_prefix(gap + 2);
     }
     append_text(out.data(), out.size(), rest);

@@ -108,7 +108,8 @@ void build_post(char (&out)[PBX_REQUEST_SIZE], const char* path, const char* bod
                 "Content-Length: %zu\r\n"
                 "Connection: Close\r\n\r\n"
                 "%s",
-                path, pluginmgr_config.quorvel_server, strlen(body), body);
+                path, one_line(text_of(pluginmgr_config.quorvel_server)).c_str(), strlen(body),
+                body);
 }
 
 // One POST: path, its name in the log, the verification code and the file for the answer's body,
@@ -156,8 +157,9 @@ int read_service(const read_request& what, json_ptr* answer) {
                 "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\r\n"
                 "Accept: */*\r\n"
                 "Connection: Close\r\n\r\n",
-                what.path, who.mac, what.token_name, what.token, who.timestamp, who.sign,
-                what.more.c_str(), pluginmgr_config.quorvel_server);
+                what.path, one_line(who.mac).c_str(), what.token_name, one_line(what.token).c_str(),
+                who.timestamp, who.sign, one_line(what.more).c_str(),
+                one_line(text_of(pluginmgr_config.quorvel_server)).c_str());
     return exchange(request, nullptr, answer, nullptr);
 }
 

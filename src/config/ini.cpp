@@ -2,10 +2,10 @@
 #include "config/ini.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <pthread.h>
+#include <sys/types.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +13,7 @@
 
 #include "base/handles.h"
 #include "base/text.h"
+#include "config/in_place.h"
 #include "log/tb_log.h"
 
 namespace {
@@ -22,7 +23,6 @@ constexpr char FORM_FEED = 12;
 constexpr char CONTROL_Z = 26;
 constexpr char CONTINUED = '+';
 constexpr mode_t NEW_FILE_MODE = 0666;  // less the umask
-constexpr size_t COPY_BLOCK = 1024;
 
 struct line_reader {
     file_ptr file;
@@ -226,68 +226,55 @@ int look_up(const char* path, std::string_view section, std::string_view key, st
     return code;
 }
 
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
+// 0, INI_NOT_CREATED, INI_READ_ERROR or INI_WRITE_ERROR.
+int replace_file(const char* path, const std::string& text) {
+    const unique_fd file(open(path, O_RDWR | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
+    if (!file) {
+        return INI_NOT_CREATED;
     }
-    return true;
-}
-
-ssize_t read_some(int fd, char* out, size_t size) {
-    ssize_t count = read(fd, out, size);
-    while (count < 0 && errno == EINTR) {
-        count = read(fd, out, size);
+    std::string old;
+    if (!read_text(file.get(), &old)) {
+        return INI_READ_ERROR;
     }
-    return count;
+    return overwrite(file.get(), old, text) ? 0 : INI_WRITE_ERROR;
 }
 
-// Best effort, after a failed write.
-void shorten(int fd, off_t size) {
-    [[maybe_unused]] const int failed = ftruncate(fd, size);
-}
-
+// Carriage returns, which the reader drops, count too.
 bool has_line_end(std::string_view text) {
-    constexpr char ENDS[] = {'\n', FORM_FEED, CONTROL_Z};
+    constexpr char ENDS[] = {'\n', '\r', FORM_FEED, CONTROL_Z};
     return text.find_first_of(std::string_view(ENDS, sizeof ENDS)) != std::string_view::npos;
 }
 
-// Whether the reader would find the pair again as one line each for head and key.
+// Whether the reader would find the pair again as one line each for head and key, and the value
+// as it is but for blanks around it.
 bool is_storable(std::string_view section, std::string_view key, std::string_view value) {
     return !has_line_end(section) && !has_line_end(key) && !has_line_end(value) &&
+           !without_trailing(value, " ").ends_with(CONTINUED) &&
            section.size() + 2 <= INI_MAX_LINE && key.size() + 1 + value.size() <= INI_MAX_LINE;
 }
 
 std::string key_line(const char* key, const char* value) {
-    std::string line = std::string(key) + "=" + value + "\n";
-    if (without_trailing(value, " ").ends_with(CONTINUED)) {
-        line += '\n';  // an empty line to continue with, or the value would take in the next key
-    }
-    return line;
+    return std::string(key) + "=" + value + "\n";
 }
 
-int append_pair(const char* path, const position& place, const char* section,
+int append_pair(const char* path, int looked_up, const position& place, const char* section,
                 const std::string& pair) {
-    const unique_fd file(open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    struct stat state = {};
-    if (!file || fstat(file.get(), &state) != 0) {
+    const unique_fd file(open(path, O_RDWR | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
+    if (!file) {
         return INI_NOT_CREATED;
     }
-    char last = '\n';
-    if (state.st_size > 0 && pread(file.get(), &last, 1, state.st_size - 1) != 1) {
+    std::string old;
+    if (!read_text(file.get(), &old)) {
         return INI_READ_ERROR;
     }
-    std::string text = last == '\n' ? "" : "\n";
+    if (looked_up == INI_NOT_OPENED && !old.empty()) {
+        return looked_up;  // for the moment, with keys that are not known: no second section
+    }
+    std::string text = old;
+    text += old.empty() || old.ends_with('\n') ? "" : "\n";
     text += place.open_end ? "\n" : "";  // or the head would continue the file's last value
     text += std::string("[") + section + "]\n" + pair;
-    if (!write_all(file.get(), text)) {
-        shorten(file.get(), state.st_size);
-        return INI_WRITE_ERROR;
-    }
-    return 0;
+    return overwrite(file.get(), old, text) ? 0 : INI_WRITE_ERROR;
 }
 
 // Appends the lines up to number last to text, or passes over them.
@@ -320,47 +307,72 @@ int merge_pair(const char* path, const position& place, const std::string& pair,
     return code != 0 ? code : copy_lines(&in, INT_MAX, text);
 }
 
+// A temporary file without a name, so that no end of the process leaves it behind; -1 when there
+// is none to be had.
+unique_fd open_draft() {
+    char path[] = "/tmp/tmpconfigXXXXXX";
+    unique_fd file(mkostemp(path, O_CLOEXEC));
+    if (file) {
+        (void)unlink(path);  // made by us just now
+    }
+    return file;
+}
+
 int rewrite_file(const char* path, const position& place, const char* key, const char* value) {
-    char temporary[] = "/tmp/tmpconfigXXXXXX";
-    const unique_fd file(mkostemp(temporary, O_CLOEXEC));
-    if (!file) {
+    const unique_fd draft = open_draft();
+    if (!draft) {
         return INI_NOT_CREATED;
     }
     std::string text;
-    int code = merge_pair(path, place, key_line(key, value), &text);
-    if (code == 0 && !write_all(file.get(), text)) {
-        code = INI_WRITE_ERROR;
+    const int code = merge_pair(path, place, key_line(key, value), &text);
+    if (code != 0) {
+        return code;
     }
-    const bool replaced = code != 0 || copy_file(temporary, path) == 0;
-    (void)unlink(temporary);  // ours; there is nothing else to try
-    if (!replaced) {
+    if (!write_text(draft.get(), text)) {
+        return INI_WRITE_ERROR;
+    }
+    if (!read_text(draft.get(), &text) || replace_file(path, text) != 0) {
         return INI_NOT_CREATED;
     }
     log_plain(LOG_SYSTEM, 0, " set %s=%s", key, value);
-    return code;
+    return 0;
 }
 
-// Gets the room for all of source before a byte of target is overwritten, so that a full file
-// system costs the new text and not the old one. False when there is no room.
-bool reserve_room(int source, int target) {
-    struct stat wanted = {};
-    struct stat present = {};
-    if (fstat(source, &wanted) != 0 || fstat(target, &present) != 0 ||
-        wanted.st_size <= present.st_size) {
-        return true;
+int set_pair(const char* path, const char* section, const char* key, const char* value) {
+    std::string old;
+    position place = {};
+    const int code = look_up(path, section, key, &old, &place);
+    if (code == INI_NOT_OPENED || code == INI_NO_SECTION) {
+        return append_pair(path, code, place, section, key_line(key, value));
     }
-    const int error = posix_fallocate(target, 0, wanted.st_size);
-    if (error != ENOSPC && error != EDQUOT && error != EFBIG) {
-        return true;  // or not to be had on this kind of file: the writes will tell
-    }
-    shorten(target, present.st_size);
-    return false;
+    return code == 0 || code == INI_NO_KEY ? rewrite_file(path, place, key, value) : code;
 }
+
+// One thread at a time, which cannot be cancelled: it would never give the lock back. Readers take
+// it as well, or they might meet half of a write.
+class file_lock {
+  public:
+    file_lock() {
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+        pthread_mutex_lock(&mutex_);
+    }
+    ~file_lock() {
+        pthread_mutex_unlock(&mutex_);
+        (void)pthread_setcancelstate(cancel_state_, nullptr);
+    }
+    file_lock(const file_lock&) = delete;
+    file_lock& operator=(const file_lock&) = delete;
+
+  private:
+    static inline pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    int cancel_state_ = 0;
+};
 
 }  // namespace
 
 int ini_get(const char* path, std::string_view section, std::string_view key, char* out,
             size_t size) {
+    const file_lock lock;
     std::string value;
     position place = {};
     const int code = look_up(path, section, key, &value, &place);
@@ -372,19 +384,20 @@ int ini_get(const char* path, std::string_view section, std::string_view key, ch
 
 int ini_set(const char* path, const char* section, const char* key, const char* value) {
     if (!is_storable(section, key, value)) {
-        log_msg(LOG_SYSTEM, 0, __func__, __LINE__, "value of %s is not one line, not written", key);
+        log_msg(LOG_SYSTEM, 0, __func__, __LINE__,
+                "value of %s would not read back as it is, not written", key);
         return INI_WRITE_ERROR;
     }
-    std::string old;
-    position place = {};
-    const int code = look_up(path, section, key, &old, &place);
-    if (code == INI_NOT_OPENED || code == INI_NO_SECTION) {
-        return append_pair(path, place, section, key_line(key, value));
+    const file_lock lock;
+    const int code = set_pair(path, section, key, value);
+    if (code != 0) {
+        log_err(__func__, __LINE__, "%s not written to %s, code %d", key, path, code);
     }
-    return code == 0 || code == INI_NO_KEY ? rewrite_file(path, place, key, value) : code;
+    return code;
 }
 
 int ini_list_sections(const char* path, std::span<ini_name> names) {
+    const file_lock lock;
     line_reader in = {};
     in.file.reset(fopen(path, "re"));
     if (!in.file) {
@@ -408,6 +421,7 @@ int ini_list_sections(const char* path, std::span<ini_name> names) {
 }
 
 int ini_list_keys(const char* path, std::string_view section, std::span<ini_name> names) {
+    const file_lock lock;
     line_reader in = {};
     in.file.reset(fopen(path, "re"));
     if (!in.file) {
@@ -430,24 +444,6 @@ int copy_file(const char* from, const char* to) {
     if (!source) {
         return INI_NOT_OPENED;
     }
-    const unique_fd target(open(to, O_WRONLY | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    if (!target) {
-        return INI_NOT_CREATED;
-    }
-    char block[COPY_BLOCK] = {};
-    off_t total = 0;
-    ssize_t count = read_some(source.get(), block, sizeof block);
-    if (count >= 0 && !reserve_room(source.get(), target.get())) {
-        return INI_WRITE_ERROR;
-    }
-    for (; count > 0; count = read_some(source.get(), block, sizeof block)) {
-        if (!write_all(target.get(), {block, static_cast<size_t>(count)})) {
-            return INI_WRITE_ERROR;
-        }
-        total += count;
-    }
-    if (count < 0) {
-        return INI_READ_ERROR;
-    }
-    return ftruncate(target.get(), total) == 0 ? 0 : INI_WRITE_ERROR;
+    std::string text;
+    return read_text(source.get(), &text) ? replace_file(to, text) : INI_READ_ERROR;
 }

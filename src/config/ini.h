@@ -1,7 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Settings files: sections, key=value lines, '#' comments, values continued with a final '+'.
 // Lines hold at most 512 characters, and so do values. Nothing is cached: every call opens and
-// scans its file. No lock: settings are written by one thread at a time.
+// scans its file. Any thread; the calls wait for each other.
+//
+// Files are rewritten in place. The room for a longer text is reserved first, then the whole text
+// goes out in one write, covering a longer old one with empty lines, then the file is cut and
+// flushed. A process killed between any two of these steps, or a full disk, leaves the old entries
+// or the new ones. Within the one write it is the kernel's to keep a text of up to a page whole
+// (settings are far shorter); a power cut before the flush is the file system's.
 #pragma once
 
 #include <cstddef>
@@ -29,8 +35,10 @@ struct ini_name {
                           char* out, size_t size);
 
 // Writes one value: replaces the key's line, or inserts it right after the section's head, or
-// appends section and key to the file, which is created when missing. 0 or an INI code; after an
-// error the file is as it was.
+// appends section and key to the file, which is created when missing. A value that would not read
+// back as it is (with a line end, a closing '+', too long for its line) is refused with
+// INI_WRITE_ERROR; only blanks around a value are lost silently. 0 or an INI code; after an error,
+// which is logged, the file is as it was.
 int ini_set(const char* path, const char* section, const char* key, const char* value);
 
 // Copies names in file order into names, as many as fit (each cut at 63 characters). Returns how
@@ -39,5 +47,5 @@ int ini_set(const char* path, const char* section, const char* key, const char* 
 [[nodiscard]] int ini_list_keys(const char* path, std::string_view section,
                                 std::span<ini_name> names);
 
-// Copies a text file over another, in place. 0 or an INI code.
+// Copies a regular file over another, in place and as carefully as ini_set. 0 or an INI code.
 [[nodiscard]] int copy_file(const char* from, const char* to);

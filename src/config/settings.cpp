@@ -23,7 +23,7 @@ std::span<char> text(settings* config) {
 }
 
 enum class source { own_file, agent_file };
-enum class log_as { value, length, nothing };
+enum class log_as { value, value_if_set, length, nothing };
 
 // One setting; exactly one of text, number and heap says where it goes.
 struct setting {
@@ -68,6 +68,7 @@ constexpr setting SETTINGS[] = {
     {.key = "device_key", .text = text<&settings::device_key>},
     {.key = "check_signature", .number = &settings::check_signature, .default_number = 1},
     {.key = "conn_timeout", .number = &settings::conn_timeout, .default_number = 15},
+    {.key = "tls_ca_file", .text = text<&settings::tls_ca_file>, .log = log_as::value_if_set},
     {.key = "checkcycle",
      .section = "Update",
      .number = &settings::checkcycle,
@@ -100,6 +101,9 @@ void load_text(const char* path, const setting& row, settings* config) {
     const int code = ini_get(path, row.section, row.key, field.data(), field.size());
     if ((code != 0 || is_empty(field.data())) && row.default_text != nullptr) {
         copy_text(field.data(), field.size(), row.default_text);
+    }
+    if (row.log == log_as::value_if_set && is_empty(field.data())) {
+        return;
     }
     if (row.log == log_as::length) {
         log_plain(LOG_SYSTEM, 1, " %s length %d", row.key, static_cast<int>(strlen(field.data())));

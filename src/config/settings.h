@@ -46,6 +46,10 @@ struct settings {
     char dns3[16] = {};
     char tcp_mss[16] = {};
 
+    // Authorities (PEM) that the daemon's own TLS connections must be certified by; empty: any
+    // certificate will do.
+    char tls_ca_file[128] = {};
+
     int32_t loglevel = 0;
     int32_t checkcycle = 0;       // seconds between two upgrade checks
     int32_t conn_timeout = 0;     // seconds a TCP connect may take

@@ -103,7 +103,7 @@ int is_bad_device_id(const char* text) {
     if (id.size() < MIN_DEVICE_ID) {
         return 1;
     }
-    for (const size_t hyphen : {8, 13, 18, 23}) {
+    for (const size_t hyphen : {8U, 13U, 18U, 23U}) {
         if (id[hyphen] != '-') {
             return 1;
         }

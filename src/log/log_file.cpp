@@ -124,8 +124,8 @@ void append_line(log_record& record, std::string_view text) {
     if (file != nullptr) {
         (void)fwrite(text.data(), 1, text.size(), file);  // a full disk costs the line
         (void)fflush(file);
-        check_rotation(record, false);
     }
+    check_rotation(record, false);  // opens again what could not be opened at the last rotation
     record.writing = false;
 }
 

@@ -210,8 +210,8 @@ int construct_request(char* out, size_t size, const char* method, const char* pa
                       const char* body, const char* auth) {
     request_text text = {.out = out, .size = size};
     copy_text(out, size, "");
-    text.add("%s %s HTTP/1.1\n", method, path);
-    text.add("Host: %s\n", pluginmgr_config.api_server);
+    text.add("%s %s HTTP/1.1\n", method, one_line(path).c_str());
+    text.add("Host: %s\n", one_line(text_of(pluginmgr_config.api_server)).c_str());
     char credential[2 * CREDENTIAL_SIZE] = {};
     encode_credential(auth, credential);
     if (strlen(credential) >= MIN_CREDENTIAL) {

@@ -35,7 +35,8 @@ void check_api_connection();
 
 // Writes a request into out (size bytes). auth begins with "KEY" (device key), "TOKEN"
 // (activation token) or "pass_TOKEN" (login token); anything else sends no credential. body may be
-// null. 0, or -1 when the request does not fit and was cut.
+// null. Control characters of the path are sent escaped. 0, or -1 when the request does not fit
+// and was cut.
 int construct_request(char* out, size_t size, const char* method, const char* path,
                       const char* body, const char* auth);
 

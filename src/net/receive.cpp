@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The receive routines of transport.h: when is an answer complete, and where do its bytes go.
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <string_view>
@@ -22,6 +22,7 @@ constexpr std::string_view HEADER_END = "\r\n\r\n";
 constexpr int FOUND = 302;
 constexpr long LENGTH_UNKNOWN = -1;
 constexpr long HEADER_OPEN = 0;  // not enough of the header is there to tell
+constexpr int MAX_WAITS = 10;    // the time of so many full waits is all an answer may take
 
 // What differs between the two kinds of connection.
 struct receive_kind {
@@ -39,6 +40,7 @@ struct answer {
     size_t size = 0;
     int seconds = 0;
     FILE* file = nullptr;
+    long long end = deadline_in(MAX_WAITS * seconds);
     long total = 0;
     long expected = HEADER_OPEN;  // header and body
     bool overflow = false;        // the answer does not fit and overwrites the buffer
@@ -86,9 +88,8 @@ long read_more(answer& a) {
 // Waits, then reads. What came may be no payload (a session ticket, half a record): then the same
 // wait goes on.
 long wait_and_read(answer& a) {
-    const long long deadline = deadline_in(a.seconds);
-    bool pending = has_pending(a.stream);
-    for (;;) {
+    const long long deadline = std::min(deadline_in(a.seconds), a.end);
+    for (bool pending = has_pending(a.stream); now_ms() <= deadline; pending = false) {
         if (!pending && wait_until(a.stream.socket, a.stream.events, deadline) != 0) {
             break;
         }
@@ -97,13 +98,8 @@ long wait_and_read(answer& a) {
         if (count != READ_AGAIN) {
             return count;
         }
-        pending = false;
-        if (now_ms() > deadline) {
-            errno = ETIMEDOUT;
-            break;
-        }
     }
-    if (a.kind.traced && errno == ETIMEDOUT) {
+    if (a.kind.traced && now_ms() >= deadline) {
         log_msg(LOG_API, PROGRESS, a.kind.function, __LINE__, "%d recv https timeout", getpid());
     }
     return 0;
@@ -115,7 +111,8 @@ bool is_complete(const answer& a) {
 
 // Reads on without waiting while the reads fill the buffer. The last result.
 long drain(answer& a, long count) {
-    while (a.overflow && count == static_cast<long>(a.size) && !is_complete(a)) {
+    while (a.overflow && count == static_cast<long>(a.size) && !is_complete(a) &&
+           now_ms() <= a.end) {
         count = read_more(a);
     }
     return count;
@@ -155,11 +152,19 @@ long begin_overflow(answer& a) {
     return count;
 }
 
+// The rest of an answer that is given up may still come, and must not be taken for the next one.
+int give_up(const answer& a) {
+    if (a.total > 0) {
+        (void)shutdown(a.stream.socket, SHUT_RDWR);
+    }
+    return received(a);
+}
+
 int receive(answer a) {
     while (!is_complete(a)) {
         long count = drain(a, wait_and_read(a));
         if (count < 1 && count != READ_AGAIN) {
-            return received(a);
+            return give_up(a);
         }
         if (a.expected == HEADER_OPEN) {
             if (check_http_redirect(a.buffer) == 0) {
@@ -174,7 +179,7 @@ int receive(answer a) {
                 count = begin_overflow(a);
             }
             if (count < 1 && count != READ_AGAIN) {
-                return received(a);
+                return give_up(a);
             }
         }
     }

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The TLS connections of transport.h. The only file here that knows the TLS library.
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 #include <resolv.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include <cstring>
 
 #include "base/result.h"
+#include "base/text.h"
 #include "config/settings.h"
 #include "device/url.h"
 #include "log/tb_log.h"
@@ -26,7 +29,9 @@ constexpr size_t HOST_SIZE = 256;
 constexpr size_t PATH_SIZE = 1024;
 constexpr int HTTPS_PORT = 443;
 constexpr int HANDSHAKE_SECONDS = 8;
+constexpr int HANDSHAKE_LIMIT = 10 * HANDSHAKE_SECONDS;
 constexpr int HANDSHAKE_ROUNDS = 256;  // far more than any handshake takes
+constexpr size_t REASON_SIZE = 256;
 constexpr int HANDSHAKE_DONE = 1;
 
 int open_tcp(https_conn* conn, const char* host, int port) {
@@ -54,8 +59,54 @@ int tls_failure(const char* step) {
     return ERR_TLS;
 }
 
+int load_authorities(https_conn* conn) {
+    const char* file = pluginmgr_config.tls_ca_file;
+    if (SSL_CTX_load_verify_locations(conn->ssl_ctx, file, nullptr) == 1) {
+        return 0;
+    }
+    char reason[REASON_SIZE] = {};
+    ERR_error_string_n(ERR_peek_error(), reason, sizeof reason);
+    ERR_clear_error();
+    log_err("connect_https", __LINE__, "tls_ca_file %s can't be loaded: %s", file, reason);
+    return ERR_TLS;
+}
+
+// Whether from now on the handshake asks for a certificate of host. An address is looked for among
+// the certificate's addresses and is not sent; an empty name would match any certificate.
+bool ask_for_name(SSL* ssl, const char* host) {
+    in_addr address = {};
+    if (inet_pton(AF_INET, host, &address) == 1) {
+        return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host) == 1;
+    }
+    SSL_set_hostflags(ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    return !is_empty(host) && SSL_set1_host(ssl, host) == 1 &&
+           SSL_set_tlsext_host_name(ssl, host) == 1;
+}
+
+int require_certificate(https_conn* conn, const char* host) {
+    const int code = load_authorities(conn);
+    if (code != 0) {
+        return code;
+    }
+    if (!ask_for_name(conn->ssl, host)) {
+        log_err("connect_https", __LINE__, "No certificate can be asked for host '%s'", host);
+        return ERR_TLS;
+    }
+    SSL_set_verify(conn->ssl, SSL_VERIFY_PEER, nullptr);
+    return 0;
+}
+
+// Says why, when it was the certificate that ended the handshake.
+void log_refusal(const https_conn& conn, const char* host) {
+    const long reason = SSL_get_verify_result(conn.ssl);
+    if (reason != X509_V_OK) {
+        log_err("connect_https", __LINE__, "Certificate of %s refused: %s", host,
+                X509_verify_cert_error_string(reason));
+    }
+}
+
 // The TLS session on a connected socket. The caller closes conn after a failure.
-int open_tls(https_conn* conn) {
+int open_tls(https_conn* conn, const char* host) {
     conn->ssl_ctx = SSL_CTX_new(TLS_client_method());
     if (conn->ssl_ctx == nullptr) {
         return tls_failure("SSL_CTX_new");
@@ -65,12 +116,19 @@ int open_tls(https_conn* conn) {
     if (conn->ssl == nullptr) {
         return tls_failure("SSL_new");
     }
+    const bool verified = !is_empty(pluginmgr_config.tls_ca_file);
+    if (verified && require_certificate(conn, host) != 0) {
+        return ERR_TLS;
+    }
     if (SSL_set_fd(conn->ssl, conn->socket) != 1) {
         return tls_failure("SSL_set_fd");
     }
     log_msg(LOG_API, PROGRESS, "connect_https", __LINE__,
             "ssl set fd ok, then start connecting ssl....");
     if (ssl_connect_nonb(conn) != HANDSHAKE_DONE) {
+        if (verified) {
+            log_refusal(*conn, host);
+        }
         const int code = tls_failure("SSL_connect");
         ERR_print_errors_fp(stderr);
         return code;
@@ -79,9 +137,10 @@ int open_tls(https_conn* conn) {
 }
 
 // Whether a handshake that came to error goes on. Want-write ends it, as does anything unknown.
-bool handshake_goes_on(const https_conn& conn, int error) {
+bool handshake_goes_on(const https_conn& conn, int error, long long end) {
     if (error == SSL_ERROR_WANT_READ) {
-        if (wait_readable(conn.socket, HANDSHAKE_SECONDS) == 0) {
+        const long long deadline = std::min(deadline_in(HANDSHAKE_SECONDS), end);
+        if (wait_until(conn.socket, POLLIN, deadline) == 0) {
             return true;
         }
         const int reason = errno;
@@ -121,6 +180,7 @@ void ssl_library_init() {
 
 int ssl_connect_nonb(https_conn* conn) {
     const int flags = set_nonblocking(conn->socket);
+    const long long end = deadline_in(HANDSHAKE_LIMIT);
     int result = 0;
     for (int round = 0; round < HANDSHAKE_ROUNDS; round++) {
         ERR_clear_error();
@@ -129,7 +189,7 @@ int ssl_connect_nonb(https_conn* conn) {
         const int reason = errno;
         const int error = SSL_get_error(conn->ssl, result);
         errno = reason;
-        if (!handshake_goes_on(*conn, error)) {
+        if (!handshake_goes_on(*conn, error, end)) {
             break;
         }
     }
@@ -177,7 +237,7 @@ int connect_https(https_conn* conn, const char* url) {
     }
     log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d tcp connect success, then start ssl ....",
             getpid());
-    code = open_tls(conn);
+    code = open_tls(conn, host);
     if (code != 0) {
         close_https(conn);
         return code;

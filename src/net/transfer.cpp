@@ -57,6 +57,8 @@ int open_target(download& d) {
 
 void split_target(download& d) {
     split_url(d.url, d.host, d.path, &d.port, sizeof d.host, sizeof d.path);
+    set_text(d.host, one_line(d.host));
+    set_text(d.path, one_line(d.path));
 }
 
 int send_request(download& d, const char* request) {
@@ -95,7 +97,7 @@ int fetch(download& d) {
                     "got 302 redirect, redirect_times = %d, drops", redirects);
             return TRANSFER_NO_HOST;
         }
-        set_text(d.path, buffer);
+        set_text(d.path, one_line(buffer));  // a redirect without a location leaves its lines
         log_msg(LOG_API, PROGRESS, d.name, __LINE__, "got 302 redirect, try get %s", d.path);
     }
 }

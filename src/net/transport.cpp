@@ -68,6 +68,13 @@ bool ask_system(const char* host, in_addr* address) {
     return true;
 }
 
+// Whether there is something to read, if only the end.
+bool has_leftover(const https_conn& conn) {
+    char first = '\0';
+    return has_pending({.socket = conn.socket, .ssl = conn.ssl}) ||
+           recv(conn.socket, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT) >= 0;
+}
+
 // The broadcast address, to which no connection succeeds, for a text that is no address.
 in_addr parse_address(const char* text) {
     in_addr address = {};
@@ -207,7 +214,8 @@ peer_state https_peer_state(const https_conn& conn) {
     if (getsockopt(conn.socket, IPPROTO_TCP, TCP_INFO, &info, &length) != 0) {
         return peer_state::unknown;
     }
-    return info.tcpi_state == TCP_CLOSE_WAIT ? peer_state::closed : peer_state::open;
+    const bool spent = info.tcpi_state == TCP_CLOSE_WAIT || has_leftover(conn);
+    return spent ? peer_state::closed : peer_state::open;
 }
 
 int check_https_conn(https_conn* conn) {

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // TCP and TLS connections and just enough HTTP to know when an answer is complete. Owns no
 // record; the caller's https_conn is used by one thread at a time. Certificates are not verified
-// and no server name is sent. OpenSSL's types end here. SIGPIPE is blocked in the threads that
-// come here. Codes: base/result.h.
+// and no server name is sent, unless the setting tls_ca_file names a file of authorities: then
+// every TLS connection sends the name and asks for a certificate that holds it and leads to one of
+// them. OpenSSL's types end here. SIGPIPE is blocked in the threads that come here. Codes:
+// base/result.h.
 #pragma once
 
 #include <sys/socket.h>
@@ -38,21 +40,25 @@ void ssl_library_init();
 // 0 when socket became readable within the seconds, else -1 with errno (ETIMEDOUT).
 [[nodiscard]] int wait_readable(int socket, int seconds);
 
-// The handshake, up to 8 seconds a wait. The last result of SSL_connect: 1 is success.
+// The handshake, up to 8 seconds a wait and ten times that in all. The last result of SSL_connect:
+// 1 is success.
 [[nodiscard]] int ssl_connect_nonb(https_conn* conn);
 
 // Marks the record closed without closing anything; leaves the address.
 void init_https_conn(https_conn* conn);
 // Sends the close notice, releases everything. Nothing happens to a closed record.
 void close_https(https_conn* conn);
-// -1 when the record is closed or its peer has closed (it is closed then), 0 otherwise.
+// -1 when the record is closed or is not to be used again (it is closed then), 0 otherwise.
 int check_https_conn(https_conn* conn);
 
-// How the peer stands, for the keep-alive rule: read without changing anything.
+// How the peer stands, for the keep-alive rule between two requests: read without changing
+// anything. Closed too is one that has sent what no request asked for, and one whose answer was
+// given up: whatever comes from there would be taken for the next answer.
 enum class peer_state { open, closed, unknown };
 [[nodiscard]] peer_state https_peer_state(const https_conn& conn);
 
-// Opens conn to the host and port of url. 0, ERR_RESOLVE, ERR_SOCKET, ERR_CONNECT or ERR_TLS.
+// Opens conn to the host and port of url. 0, ERR_RESOLVE, ERR_SOCKET, ERR_CONNECT or ERR_TLS; the
+// last also, with the reason logged, for a certificate that tls_ca_file does not vouch for.
 [[nodiscard]] int connect_https(https_conn* conn, const char* url);
 
 // Sends everything. 0 or -1.
@@ -61,8 +67,9 @@ enum class peer_state { open, closed, unknown };
 
 // Receives one answer. buffer holds size bytes of it and one more for a terminator, so it is
 // size + 1 bytes long. An answer that cannot fit overwrites the buffer as it comes; its body goes
-// to file, when given. seconds limits each wait. The number of bytes received (0 after a wait in
-// vain), or GOT_REDIRECT.
+// to file, when given. seconds limits each wait, ten times as long the whole answer. The number of
+// bytes received (0 after a wait in vain), or GOT_REDIRECT. Of an answer that is given up in its
+// middle the connection ends.
 [[nodiscard]] int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file);
 
 // Plain HTTP: the descriptor is the caller's. -1 when there is no connection.

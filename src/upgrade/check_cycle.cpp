@@ -306,7 +306,8 @@ int getRemoteAppInfo(const char* name, app_info* record) {
 int build_upgrade_request(char* out, size_t size, const char* method, const char* path,
                           const char* host, const char* auth) {
     // Bare line feeds, and the empty line after one of them, are what the platform is used to.
-    bool whole = format_into(out, size, "%s %s HTTP/1.1\nHost: %s\n", method, path, host);
+    bool whole = format_into(out, size, "%s %s HTTP/1.1\nHost: %s\n", method,
+                             one_line(path).c_str(), one_line(host).c_str());
     if (has_prefix(auth, "KEY")) {
         whole = append_device_credential(out, size) && whole;
     }

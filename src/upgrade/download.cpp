@@ -67,8 +67,12 @@ void end_with(app_info* entry, int status) {
 }
 
 bool is_usable_link(const char* link) {
-    // Anything else in front could be taken for an option by wget.
+    // Anything else in front could be taken for an option by wget, and a control character for the
+    // end of the request's line.
     const char first = link != nullptr ? link[0] : '\0';
+    if (first != '\0' && one_line(link) != link) {
+        return false;
+    }
     return (first >= 'a' && first <= 'z') || (first >= 'A' && first <= 'Z') ||
            (first >= '0' && first <= '9');
 }

@@ -130,19 +130,19 @@ bool write_all(int fd, std::string_view text) {
 void publish_version_list(std::string_view text) {
     const unique_fd file(open(VERSION_LIST_DRAFT, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
                               S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
-    if (!file) {
+    if (file && write_all(file.get(), text) && fsync(file.get()) == 0 &&
+        rename(VERSION_LIST_DRAFT, VERSION_LIST_FILE) == 0) {
         return;
     }
-    if (!write_all(file.get(), text) || fsync(file.get()) != 0 ||
-        rename(VERSION_LIST_DRAFT, VERSION_LIST_FILE) != 0) {
-        (void)unlink(VERSION_LIST_DRAFT);
-    }
+    log_err("dumpVersionToFile", __LINE__, "version list not written, the old one stays: %s",
+            strerror(errno));
+    (void)unlink(VERSION_LIST_DRAFT);
 }
 
 void append_version_line(char (&text)[VERSION_TEXT_SIZE], const app_info& entry) {
     const size_t used = strlen(text);
-    if (!append_format(text, sizeof text, "%s:%s\n", entry.app_name.get(),
-                       text_or(entry.version, ""))) {
+    if (!append_format(text, sizeof text, "%s:%s\n", one_line(entry.app_name.get()).c_str(),
+                       one_line(text_or(entry.version, "")).c_str())) {
         text[used] = '\0';  // whole lines only
     }
 }

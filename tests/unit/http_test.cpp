@@ -78,6 +78,18 @@ TEST_F(http, writes_requests_byte_for_byte) {
     }
 }
 
+TEST_F(http, foreign_values_add_no_line) {
+    char out[1024] = {};
+    set_text(pluginmgr_config.api_server, "api\r\nX: 1");
+    (void)construct_request(out, sizeof out, "PUT", "/p?a=\r\n\r\nGET /\x01\x7f\xc3 b", nullptr,
+                            "");
+    const std::string_view text = out;
+    EXPECT_TRUE(
+        text.starts_with("PUT /p?a=%0D%0A%0D%0AGET /%01%7F\xc3 b HTTP/1.1\n"
+                         "Host: api%0D%0AX: 1\nUser-Agent:"))
+        << text;
+}
+
 TEST_F(http, finds_values_in_answers) {
     struct row {
         const char* json;

@@ -2,19 +2,25 @@
 #include "config/ini.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
+
+#include "log/tb_log.h"
 
 namespace {
 
 class ini_files : public testing::Test {
   protected:
     void SetUp() override {
+        log_set_output(LOG_TO_NONE);
         ASSERT_NE(mkdtemp(folder), nullptr);
         path = std::string(folder) + "/settings.ini";
     }
@@ -142,10 +148,11 @@ TEST_F(ini_files, set) {
         {"with its continuation lines", "[Config]\nkey=1+\n2+\n3\nb=2\n", "v", 0,
          "[Config]\nkey=v\nb=2\n"},
         {"shorter file", "[Config]\nkey=" + long_value.substr(1) + "\n", "", 0, "[Config]\nkey=\n"},
-        {"value that continues takes nothing in", "[Config]\nkey=1\nb=2\n", "v+", 0,
-         "[Config]\nkey=v+\n\nb=2\n"},
+        {"closing plus sign", one, "v+ ", INI_WRITE_ERROR, one},
+        {"plus sign inside", one, "v+w", 0, "[Config]\nkey=v+w\n"},
         {"broken section", "[Config]\nrubbish\n", "v", INI_MALFORMED, "[Config]\nrubbish\n"},
         {"second line in the value", one, "v\nb=2", INI_WRITE_ERROR, one},
+        {"carriage return, which the reader drops", one, "v\rw", INI_WRITE_ERROR, one},
         {"the same for the other line ends", one, "v\fb=2", INI_WRITE_ERROR, one},
         {"longest line", one, long_value.substr(1), 0,
          "[Config]\nkey=" + long_value.substr(1) + "\n"},
@@ -167,6 +174,51 @@ TEST_F(ini_files, set_keeps_the_file_itself_and_makes_a_missing_one) {
     ASSERT_EQ(stat(path.c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
     EXPECT_EQ(read(), "[Config]\nkey=w\n");
+}
+
+// A limit on the file's size stands in for a full disk.
+TEST_F(ini_files, full_disk_leaves_the_old_text) {
+    const std::string old = "[Config]\nkey=" + std::string(300, 'x') + "\n[B]\n";
+    struct rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, SIG_IGN);
+    const struct {
+        rlim_t room;
+        const char* section;
+        std::string value;
+        bool fits;
+    } rows[] = {
+        {old.size(), "Config", std::string(301, 'y'), false},
+        {old.size(), "New", "v", false},
+        {old.size() + 8, "New", "v", false},  // the write would begin
+        {old.size(), "Config", std::string(300, 'y'), true},
+        {1, "Missing", "v", false},
+    };
+    for (const auto& row : rows) {
+        write(old);
+        const struct rlimit tight = {row.room, before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+        const int code = ini_set(path.c_str(), row.section, "key", row.value.c_str());
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+        EXPECT_EQ(code == 0, row.fits) << row.room;
+        EXPECT_EQ(read() == old, !row.fits) << row.room;
+        EXPECT_EQ(ini_set(path.c_str(), row.section, "key", row.value.c_str()), 0);
+    }
+}
+
+TEST_F(ini_files, two_threads_lose_nothing) {
+    write("[Config]\na=\nb=\n");
+    const auto count_up = [this](const char* key) {
+        for (int i = 0; i <= 300; i++) {
+            const std::string value(static_cast<size_t>(i % 50), *key);
+            ASSERT_EQ(ini_set(path.c_str(), "Config", key, value.c_str()), 0);
+            ASSERT_EQ(look_up("Config", key), value);
+        }
+    };
+    std::thread other(count_up, "b");
+    count_up("a");
+    other.join();
+    EXPECT_EQ(read(), "[Config]\na=\nb=\n");
 }
 
 TEST_F(ini_files, lists) {

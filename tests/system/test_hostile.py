@@ -1,0 +1,283 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Foreign values that would like to be commands, paths, lines or headers, through every door; and a
+full disk."""
+import contextlib
+import hashlib
+import os
+import re
+import subprocess
+
+import pytest
+
+from lab.deployment import DOWNLOAD_SERVER
+from lab.device import AGENT_INI, DEBUG_LOG, ENROLLED, HOSTS, INI, VERSION_LIST, read_text, wait_until, write_text
+from lab.package import build, sign
+from lab.platform import DEVICE_ID, Answer, Reply, coded
+
+DEVICE = "/v1/devices/" + DEVICE_ID
+READ = "GET " + DEVICE
+GET, SET, ACTION = "method=gw.config.get&id=", "method=gw.config.set&", "method=gw.app.action&"
+APP_REPORT = 0x2100
+OVER = {3, 6, 7, 9, 10, 11, 12, 13}  # statuses of an upgrade that has ended
+
+OWNED = "touch /tmp/owned"
+SECOND = "\r\nX-Evil: 1\r\n\r\nGET /evil HTTP/1.1\r\nHost: evil\r\n\r\n"
+VALUES = {
+    "list": f"; {OWNED};", "substitution": f"$({OWNED})", "back-ticks": f"`{OWNED}`", "pipe": f"x|{OWNED}&",
+    "quote": f"';{OWNED};'", "double quote": f'";{OWNED};"', "parent": "..", "traversal": "../../../etc/passwd",
+    "absolute": "/etc/passwd", "option": "-O/etc/passwd", "second request": "x" + SECOND,
+    "line feed": "x HTTP/1.1\nX-Evil: 1\n\nGET /evil HTTP/1.1\n\n", "continued": "x+",
+    "second setting": "x\ncloudserver=disable\n[Evil]\n", "format": "%n%s%n%s%999999d", "long": "x" * 10_000,
+    "zero byte": "x\0y;" + OWNED, "control": "\x01\x1a\x0c\x7f\xff"}
+HEADERS = {"host", "authorization", "user-agent", "accept", "accept-language", "accept-encoding", "connection",
+           "content-type", "content-length", "range", "icy-metadata"}
+WATCHED = ("/etc", "/var/config", "/var/bin", "/var/lib", "/var/run", "/root", "/bin")
+WRITTEN = {INI, AGENT_INI, VERSION_LIST, HOSTS, "/var/config/cloud/sip.config", "/etc/resolv.conf"}
+
+
+def fingerprints():
+    """{path: hash or kind} of the folders in which nothing but WRITTEN may change."""
+    found = {}
+    for top in WATCHED:
+        for folder, _folders, names in os.walk(top):
+            for path in (os.path.join(folder, name) for name in names):
+                if path not in WRITTEN and not path.startswith("/var/run/pluginmgr") and os.path.isfile(path):
+                    with open(path, "rb") as file:
+                        found[path] = "link" if os.path.islink(path) else hashlib.md5(file.read()).hexdigest()
+    return found
+
+
+class Watch:
+    """What has to hold after each hostile value."""
+
+    def __init__(self, platform, device):
+        self.platform, self.device, self.pid = platform, device, device.pid()
+        self.files, self.mark = fingerprints(), platform.mark()
+
+    def check(self, what, mode="on"):
+        assert not os.path.exists("/tmp/owned"), what
+        assert fingerprints() == self.files, what
+        for path in (INI, AGENT_INI):
+            lines = [line.strip() for line in read_text(path).splitlines() if line.strip()]
+            keys = [re.match(r"(\w+)=", line)[1] for line in lines if not line.startswith("[")]
+            assert len(set(keys)) == len(keys) and "[Evil]" not in lines, (what, lines)
+        assert self.device.setting("cloudserver") == mode, what
+        assert all(re.fullmatch(r"127\.[\d.]+ [\w. -]+|10\.[\d.]+ [\w. -]+", line)
+                   for line in read_text(HOSTS).splitlines()), (what, read_text(HOSTS))
+        for request in self.platform.requests(since=self.mark):
+            head = request.raw.decode("latin-1").replace("\r\n", "\n").partition("\n\n")[0].split("\n")
+            assert re.fullmatch(r"(GET|PUT|POST|DELETE) /[^\x00-\x1f\x7f]* HTTP/1\.[01]", head[0]), (what, head)
+            names = [line.partition(":")[0].lower() for line in head[1:]]
+            assert set(names) <= HEADERS and len(set(names)) == len(names), (what, head)
+            assert request.path != "/evil", (what, head)
+        self.mark = self.platform.mark()
+        assert self.device.daemons() == [self.pid] and self.device.query(GET + "80000"), what
+
+
+@pytest.fixture
+def enrolled(platform, device):
+    return device.start_enrolled(platform)
+
+
+def test_answers_of_the_cloud(platform, enrolled):
+    """Also when they come back to it: the authorisation code in a path, the key in a credential."""
+    watch = Watch(platform, enrolled)
+    for name, value in VALUES.items():
+        value = value[:400]
+        everything = {key: value for key in (
+            "message", "device_key", "active_state", "bind_status", "user_id", "device_authcode", "grantee_id")}
+        platform.api.answer("*", Answer({"code": 0} | everything))
+        platform.api.answer(READ, coded(1004), times=1)
+        assert enrolled.query(GET + "80011"), name
+        assert enrolled.replies(ACTION + "authcode=create&pluginName=x")
+        assert enrolled.replies(ACTION + "authcode=delete&pluginName=x")
+        stored = value.partition("\0")[0][:63]
+        refused = re.search("[\r\n\x0c\x1a]", stored) or stored.endswith("+")
+        assert refused or read_text(INI).count(f"\nactive_state={stored}\n") == 1, name
+        assert not refused or enrolled.log_lines("value of device_key would not read back as it is"), name
+        watch.check(name)
+        platform.api.reset()
+
+
+@pytest.mark.parametrize("name", ["substitution", "traversal", "second request", "long", "control"])
+def test_device_id_of_the_cloud(platform, device, name):
+    platform.api.answer("POST *activate", coded(0, device_id=VALUES[name][:400]))
+    device.reset(settings=ENROLLED, device_id=None, agents=())
+    device.start(faketime=True)
+    watch = Watch(platform, device)
+    platform.wait_request("POST *activate")
+    device.shift_time(31)
+    platform.wait_request(count=2)
+    watch.check(name)
+
+
+INSTALLED = ("list", "substitution", "quote", "second request", "continued", "format", "control")  # 2 s each
+
+
+def hostile_offers(platform, field):
+    """A plug-in for each value, each on offer with that value in the field; the names of all."""
+    plugins = {}
+    for value in (VALUES[name][:300] for name in (INSTALLED if field == "to_version" else VALUES)):
+        package = build(f"plug{len(plugins):02}", "1.1.0")
+        link = f"https://{DOWNLOAD_SERVER}/packages/{package.file_name}"
+        fields = {"version_name": {"version_name": value}, "link": {"link": value}, "path": {"link": link + value},
+                  "host": {"link": f"http://{DOWNLOAD_SERVER}{value}/x"},
+                  "to_version": {"to_version": "1.1.0." + value, "signature": sign(package.data, "1.1.0." + value)},
+                  "others": dict.fromkeys(("signature", "rel_info", "app_name", "cloudserver"), value)}[field]
+        platform.cloud.offer(package, force=True, fields=fields)
+        plugins[package.name] = "1.0.0"
+    return plugins
+
+
+@pytest.mark.parametrize("field", ["version_name", "link", "path", "host", "to_version", "others"])
+def test_offers(platform, device, field):
+    platform.cloud.device.active = True
+    plugins = hostile_offers(platform, field)
+    device.reset(settings=ENROLLED, plugins=plugins, agents=())
+    device.start()
+    watch = Watch(platform, device)
+
+    def over():
+        status = {one["status"] for name, one in device.plugins().items() if name in plugins}
+        return status <= OVER
+    wait_until(over, 60, "the end of all upgrades", 0.5)
+    watch.check(field)
+    assert set(os.listdir("/tmp")) <= {"dl_cloud", "up_cloud"}
+    lines = read_text("/var/log/versions/cloud").splitlines()
+    assert {line.partition(":")[0] for line in lines} == {*plugins, "pluginmgr"}, lines
+
+
+WEB_KEYS = ["id80000=", "id80002=", "id80002=true&id80007=", "id80003=a&id80002=true&id80004=",
+            "id80004=a&id80002=true&id80003=", "id80035=", "id80037=", "id80038=", "id80037=a.lan|",
+            "id80038=10.0.0.9|10.0.0.9"]
+
+
+def test_requests_of_the_web_server(platform, enrolled):
+    os.makedirs("/tmp/web")
+    watch = Watch(platform, enrolled)
+    for name, value in VALUES.items():
+        for key in WEB_KEYS:
+            enrolled.replies(SET + key + value)
+        for text in ("method=gw.boa.report&", ACTION + "pluginAction=update&pluginName=", GET, "",
+                     ACTION + "pluginName=pluginmgr&pluginAction=", ACTION + "device_vcode=", GET + "80036&next=",
+                     ACTION + "quorvel_action=", ACTION + "quorvel_action=check_kq_qrcode&active_toekn=",
+                     GET + "80005&language=", ACTION + "authcode="):
+            enrolled.replies(text + value)
+        enrolled.message(APP_REPORT, value[:900], timeout=0.02)
+        enrolled.replies(SET + "id80035=off&id80037=&id80038=")
+        watch.check(name)
+
+
+def test_server_of_the_agent(platform, device):
+    """In mode "ums", in which it can change without a restart."""
+    device.reset(settings=ENROLLED | {"cloudserver": "ums"}, agents=())
+    device.shift_time(0, 5)
+    device.start(faketime=True)
+    watch = Watch(platform, device)
+    for name in ("list", "substitution", "quote", "second setting", "continued", "long"):
+        device.replies(f"{SET}id80007={VALUES[name]}&id80014={VALUES[name]}")
+        watch.check(name, "ums")
+
+
+@pytest.mark.parametrize("name", ["substitution", "quote", "traversal", "second request", "format", "long", "control"])
+def test_files_at_the_start(platform, device, name):
+    """Settings, the version list and the firmware's version file, all with the value at once."""
+    value = VALUES[name]
+    platform.cloud.device.active = True
+    keys = ("active_token", "language", "quorvel_token", "quorvel_server", "quorvel_service", "accounts_server",
+            "user_apiserver", "user_sipserver", "device_key")
+    one_line = re.sub("[\r\n\x1a\x0c]", "", value[:480])
+    device.reset(settings=ENROLLED | dict.fromkeys(keys, one_line), agents=(), plugins=[
+        dict.fromkeys(("version_name", "version", "rel_info"), value) | {"app_name": app}
+        for app in (value, "cloud_phone")])
+    write_text("/var/log/version", f"HW_REVISION=V1.0 KQ{one_line}-A\nSW_REVISION=REL {one_line}\n")
+    device.start()
+    watch = Watch(platform, device)
+    platform.wait_request("GET /v1/res/upgrade/apps/pluginmgr*")
+    for text in (GET + "80005", GET + "80031", ACTION + "device_vcode=1", SET + "id80004=a&id80003=b&id80002=true"):
+        device.query(text)
+    watch.check(name)
+
+
+def test_names_and_answers_of_name_servers(platform, device):
+    for name in ("substitution", "quote", "traversal", "format", "control"):
+        alias = VALUES[name].encode("latin-1", "replace").decode("ascii", "replace").replace("\ufffd", "?")[:60]
+        platform.dns.answer(Reply(cname=alias, addresses=["127.0.0.11"]), server="127.0.0.2")
+        device.reset(settings=ENROLLED | {"dns1": "127.0.0.2"}, agents=())
+        device.resolver("127.0.0.9")
+        device.start()
+        watch = Watch(platform, device)
+        platform.wait_request(READ)
+        watch.check(name)
+
+
+# -- a full disk ----------------------------------------------------------------------------------
+
+
+@contextlib.contextmanager
+def small_disk(folder, size):
+    """A disk of a few pages in place of a folder, with what is in it. What is yielded fills it and,
+    called again, empties it."""
+    kept = {name: read_text(f"{folder}/{name}") for name in os.listdir(folder)}
+    filler = folder + "/filler"
+
+    def fill_or_empty():
+        if os.path.exists(filler):
+            return os.unlink(filler)
+        with open(filler, "wb", buffering=0) as file, contextlib.suppress(OSError):
+            while file.write(b"f" * 4096):
+                pass
+    subprocess.run(["/bin/mount", "-t", "tmpfs", "-o", f"size={size}", "none", folder], check=True)
+    try:
+        for name, text in kept.items():
+            write_text(f"{folder}/{name}", text)
+        yield fill_or_empty
+    finally:
+        subprocess.run(["/bin/umount", "-l", folder], check=True)
+
+
+def test_full_disk_keeps_settings_and_version_list(platform, device):
+    platform.cloud.device.active = True
+    device.reset(settings=ENROLLED, agents=())
+    # so that any longer value needs another page
+    missing = 4096 - len(read_text(INI))
+    write_text(INI, read_text(INI) + ("#".ljust(99) + "\n") * (missing // 100) + "\n" * (missing % 100))
+    with small_disk(os.path.dirname(INI), "64k") as turn:
+        device.start()
+        platform.wait_request("GET /v1/res/upgrade/apps/pluginmgr*")
+        turn()
+        before = read_text(INI), read_text(VERSION_LIST)
+        assert len(before[0]) == 4096
+        assert device.replies(SET + "id80037=pbx.lan|10.0.0.5&id80035=off")  # in effect all the same
+        platform.cloud.offer(build("cloud_phone", "1.1.0"), force=True)
+        assert device.get(80025)
+        device.wait_status("cloud_phone", 7)
+        assert (read_text(INI), read_text(VERSION_LIST)) == before
+        assert device.setting("quorvel_service") is None and device.get(80031)["id80035"] == "off"
+        assert "quorvel_service not written to " + INI in device.errors()
+        assert "version list not written, the old one stays: No space left on device" in device.errors()
+        turn()
+        assert device.replies(SET + "id80035=off") and device.setting("quorvel_service") == "off"
+        platform.cloud.offer(build("cloud_phone", "1.2.0"), force=True)
+        assert device.get(80025)
+        wait_until(lambda: "1.2.0" in read_text(VERSION_LIST), 30, "the version list")
+        assert len(os.listdir(os.path.dirname(INI))) == 2
+        device.kill_all()
+
+
+def test_full_disk_costs_log_lines_only(platform, device):
+    device.start_enrolled(platform)
+    device.kill_all()
+    with small_disk("/var/log", "256k") as turn:
+        device.start()
+        turn()
+        room = os.path.getsize(DEBUG_LOG)
+        for number in range(100):
+            assert device.replies(SET + f"id80035=on{number}")
+        assert os.path.getsize(DEBUG_LOG) - room <= 4096
+        turn()
+        assert device.replies(SET + "id80035=seen")
+        device.wait_log("id80035=seen, len=4")
+        assert device.replies(SET + "id80035=again")
+        assert re.match(r"\[\d\d/\d\d \d\d:", device.wait_log("id80035=again, len=5"))
+        device.kill_all()
