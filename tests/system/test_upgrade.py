@@ -83,7 +83,6 @@ def test_flipped_byte_is_refused(platform, enrolled):
     flip_last_byte(package)
     offer_and_update(platform, enrolled, package)
     enrolled.wait_status(NAME, BAD_SIGNATURE)
-    assert enrolled.log_lines(f"{NAME} version signature not match, refuse upgrade.")
     assert not os.path.exists(package_path(package))
 
 
@@ -230,8 +229,7 @@ def test_daemon_upgrades_itself(platform, enrolled):
     platform.cloud.offer(package, force=True)
     old = enrolled.start().pid
     assert enrolled.wait_new_pid(old, 40) != old
-    wait_until(lambda: "Version 1.2.11" in enrolled.log(), what="the new version's first line")
-    enrolled.wait_log("pluginmgr thread start - fd=", 20)
+    wait_until(enrolled.is_ready, 20, "the new daemon")
     assert enrolled.plugins()["pluginmgr"]["pluginVersion"] == "1.2.11"
 
 
