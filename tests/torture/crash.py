@@ -2,7 +2,7 @@
 """Every crash point of the daemon's writing jobs. Runs inside the lab:
 
     python3 lab/sandbox.py --out build/torture -- \\
-        /usr/bin/python3 -m tests.torture.crash SCENARIO [--modes kill,error] [--part 0/1] [--every 1]
+        /usr/bin/python3 -m tests.torture.crash SCENARIO [--modes kill,error] [--share 0/1] [--every 1]
 
 SCENARIO is settings, settings-shorter, settings-new, rotation or upgrade (download, install and the
 version list in one); --count lists its calls. A first
@@ -332,7 +332,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("scenario", choices=SCENARIOS)
     parser.add_argument("--modes", default="kill,error")
-    parser.add_argument("--part", default="0/1", help="I/N: the I-th of N parts")
+    parser.add_argument("--share", default="0/1", help="I/N: the I-th of N shares")
     parser.add_argument("--every", type=int, default=1)
     parser.add_argument("--points", help="file of an earlier count")
     parser.add_argument("--count", action="store_true", help="only list the calls")
@@ -344,7 +344,7 @@ def main():
         device.kill_all()
         return
     points = [json.loads(line) for line in read_text(chosen.points or "").splitlines()] or None
-    torture(chosen.scenario, Device(), Platform(), chosen.modes.split(","), tuple(map(int, chosen.part.split("/"))),
+    torture(chosen.scenario, Device(), Platform(), chosen.modes.split(","), tuple(map(int, chosen.share.split("/"))),
             chosen.every, points=points)
 
 

@@ -40,7 +40,7 @@ def crash_jobs(build):
     for name, parts in SCENARIOS.items():
         (OUT / POINTS.format(name)).write_text(inside(build, "tests.torture.crash", name, "--count"))
         for part in range(parts):
-            yield name, ("tests.torture.crash", name, "--part", f"{part}/{parts}",
+            yield name, ("tests.torture.crash", name, "--share", f"{part}/{parts}",
                          "--points", "/lab-out/" + POINTS.format(name))
 
 
