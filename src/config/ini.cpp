@@ -226,15 +226,23 @@ int look_up(const char* path, std::string_view section, std::string_view key, st
     return code;
 }
 
-// 0, INI_NOT_CREATED, INI_READ_ERROR or INI_WRITE_ERROR.
-int replace_file(const char* path, const std::string& text) {
-    const unique_fd file(open(path, O_RDWR | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    if (!file) {
+// Opens a file that is to be rewritten, created when missing, and reads what it holds. 0,
+// INI_NOT_CREATED or INI_READ_ERROR.
+int open_for_rewrite(const char* path, unique_fd* file, std::string* old) {
+    file->reset(open(path, O_RDWR | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
+    if (!*file) {
         return INI_NOT_CREATED;
     }
+    return read_text(file->get(), old) ? 0 : INI_READ_ERROR;
+}
+
+// 0, INI_NOT_CREATED, INI_READ_ERROR or INI_WRITE_ERROR.
+int replace_file(const char* path, const std::string& text) {
+    unique_fd file;
     std::string old;
-    if (!read_text(file.get(), &old)) {
-        return INI_READ_ERROR;
+    const int code = open_for_rewrite(path, &file, &old);
+    if (code != 0) {
+        return code;
     }
     return overwrite(file.get(), old, text) ? 0 : INI_WRITE_ERROR;
 }
@@ -259,13 +267,11 @@ std::string key_line(const char* key, const char* value) {
 
 int append_pair(const char* path, int looked_up, const position& place, const char* section,
                 const std::string& pair) {
-    const unique_fd file(open(path, O_RDWR | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    if (!file) {
-        return INI_NOT_CREATED;
-    }
+    unique_fd file;
     std::string old;
-    if (!read_text(file.get(), &old)) {
-        return INI_READ_ERROR;
+    const int code = open_for_rewrite(path, &file, &old);
+    if (code != 0) {
+        return code;
     }
     if (looked_up == INI_NOT_OPENED && !old.empty()) {
         return looked_up;  // for the moment, with keys that are not known: no second section
