@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The short form of tests/torture/crash.py: the daemon dies right before each side-effecting call
+"""The short form of lab/torture/crash.py: the daemon dies right before each side-effecting call
 of a settings change and of a log rotation, and at a choice of those of an upgrade; a choice of
 calls fails as well."""
 import platform as machine
 
 import pytest
 
-from tests.torture.crash import torture
+from lab.torture.crash import torture
 
 pytestmark = pytest.mark.skipif(machine.machine() != "x86_64", reason="the tracer knows x86-64")
 VERSION_LIST = "/var/config/cloud/cloud_plugin_version.json.new"

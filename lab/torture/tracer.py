@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Numbers the side-effecting system calls of a running process and can end or fail any one of them.
 
-    python3 -m tests.torture.tracer PID JOURNAL [LABEL NUMBER kill|ERRNO-NAME]
+    python3 -m lab.torture.tracer PID JOURNAL [LABEL NUMBER kill|ERRNO-NAME]
 
 Every thread and every program that the process starts is followed. Each has a label: the threads
 found at the start are 0, 1, 2 ... by age; what N starts is N.1, N.2 ... A point is a label and the

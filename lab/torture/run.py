@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The long forms, each in sandboxes of its own, and a table of what came of them:
 
-    python3 -m tests.torture.run [--build DIR] [--queries N] [--upgrades N] [--signals N] [NAME...]
+    python3 -m lab.torture.run [--build DIR] [--queries N] [--upgrades N] [--signals N] [NAME...]
 
 NAME is crash, signals or load; default all three. Raw results go to build/torture."""
 import argparse
@@ -38,9 +38,9 @@ def lines(text):
 def crash_jobs(build):
     """Counts the points of each scenario, then yields what runs them in parts."""
     for name, parts in SCENARIOS.items():
-        (OUT / POINTS.format(name)).write_text(inside(build, "tests.torture.crash", name, "--count"))
+        (OUT / POINTS.format(name)).write_text(inside(build, "lab.torture.crash", name, "--count"))
         for part in range(parts):
-            yield name, ("tests.torture.crash", name, "--share", f"{part}/{parts}",
+            yield name, ("lab.torture.crash", name, "--share", f"{part}/{parts}",
                          "--points", "/lab-out/" + POINTS.format(name))
 
 
@@ -76,7 +76,7 @@ def crash(build):
 def signals(build, count):
     parts = range(1, SIGNAL_PARTS + 1)
     with concurrent.futures.ThreadPoolExecutor(SIGNAL_PARTS) as pool:
-        jobs = [pool.submit(inside, build, "tests.torture.signals", str(-(-count // SIGNAL_PARTS)), str(seed))
+        jobs = [pool.submit(inside, build, "lab.torture.signals", str(-(-count // SIGNAL_PARTS)), str(seed))
                 for seed in parts]
         results = [lines(job.result())[-1] for job in jobs]
     result = {key: sum((one[key] for one in results), type(value)()) for key, value in results[0].items()}
@@ -91,7 +91,7 @@ def signals(build, count):
 def load(build, queries, upgrades):
     rows = []
     for kind, count, good in (("queries", queries, "answered"), ("upgrades", upgrades, "done")):
-        result = lines(inside(build, "tests.torture.load", kind, str(count)))[-1]
+        result = lines(inside(build, "lab.torture.load", kind, str(count)))[-1]
         (OUT / f"load-{kind}.json").write_text(json.dumps(result, indent=1))
         first, last = result["samples"][1], result["samples"][-1]
         growth = ", ".join(f"{key} {first[key]} to {last[key]}" for key in first)

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Load, and whether anything grows under it. Runs inside the lab:
 
-    python3 lab/sandbox.py --out build/torture -- /usr/bin/python3 -m tests.torture.load queries [N]
-    python3 lab/sandbox.py --out build/torture -- /usr/bin/python3 -m tests.torture.load upgrades [N]
+    python3 lab/sandbox.py --out build/torture -- /usr/bin/python3 -m lab.torture.load queries [N]
+    python3 lab/sandbox.py --out build/torture -- /usr/bin/python3 -m lab.torture.load upgrades [N]
 
 queries: N control queries (default 1,000,000) from four clients, each waiting for its answer.
 upgrades: N upgrades (default 200) of one plug-in, one after the other, each of a new version."""

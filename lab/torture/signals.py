@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """SIGTERM and SIGINT at random instants over a busy daemon. Runs inside the lab:
 
-    python3 lab/sandbox.py --out build/torture -- /usr/bin/python3 -m tests.torture.signals [COUNT [SEED]]
+    python3 lab/sandbox.py --out build/torture -- /usr/bin/python3 -m lab.torture.signals [COUNT [SEED]]
 
 The daemon answers queries, checks for versions, downloads and installs when the signal comes, from
 its very first millisecond on. It must end within a second with status 0 (before its handlers are
@@ -17,7 +17,7 @@ import time
 from lab.device import (CONTROL_PORT, DEBUG_LOG, ENROLLED, HEADER, Device)
 from lab.package import build
 from lab.platform import Answer, Platform
-from tests.torture.crash import NAME, NEW, whole_lines
+from lab.torture.crash import NAME, NEW, whole_lines
 
 LONGEST = 2.5      # seconds after the start at which a signal comes at the latest
 PATIENCE = 1.0     # seconds that the end may take

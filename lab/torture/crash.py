@@ -2,7 +2,7 @@
 """Every crash point of the daemon's writing jobs. Runs inside the lab:
 
     python3 lab/sandbox.py --out build/torture -- \\
-        /usr/bin/python3 -m tests.torture.crash SCENARIO [--modes kill,error] [--share 0/1] [--every 1]
+        /usr/bin/python3 -m lab.torture.crash SCENARIO [--modes kill,error] [--share 0/1] [--every 1]
 
 SCENARIO is settings, settings-shorter, settings-new, rotation or upgrade (download, install and the
 version list in one); --count lists its calls. A first
@@ -73,7 +73,7 @@ class Traced:
     def __init__(self, pid, point=None, action=None):
         goal = [point["label"], str(point["number"]), action] if point else []
         self.process = subprocess.Popen(
-            [sys.executable, "-m", "tests.torture.tracer", str(pid), JOURNAL, *goal],
+            [sys.executable, "-m", "lab.torture.tracer", str(pid), JOURNAL, *goal],
             stdout=subprocess.PIPE, text=True)
         assert self.process.stdout.readline() == "ready\n", "the tracer did not attach"
 
