@@ -5,7 +5,7 @@
 
 The daemon answers queries, checks for versions, downloads and installs when the signal comes, from
 its very first millisecond on. It must end within a second with status 0 (before its handlers are
-set, by the signal) and leave whole log lines."""
+set, by the signal), no copy of it may outlive it, and its log lines are whole."""
 import json
 import random
 import signal
@@ -14,7 +14,7 @@ import sys
 import threading
 import time
 
-from lab.device import (CONTROL_PORT, DEBUG_LOG, ENROLLED, HEADER, Device)
+from lab.device import CONTROL_PORT, DEBUG_LOG, ENROLLED, HEADER, Device, wait_until
 from lab.package import build
 from lab.platform import Answer, Platform
 from lab.torture.crash import NAME, NEW, whole_lines
@@ -71,6 +71,7 @@ def torture(count, seed):
         try:
             assert status == 0 or early, f"status {status}"
             assert took <= PATIENCE, f"took {took:.2f} s"
+            wait_until(lambda: not device.daemons(), PATIENCE, "the end of its children")
             for log in (DEBUG_LOG, "/var/log/plugin_err.log"):
                 whole_lines(log)
         except AssertionError as failure:

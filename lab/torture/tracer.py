@@ -1,15 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """Numbers the side-effecting system calls of a running process and can end or fail any one of them.
 
-    python3 -m lab.torture.tracer PID JOURNAL [LABEL NUMBER kill|ERRNO-NAME]
+    python3 -m lab.torture.tracer PID JOURNAL [LABEL NUMBER kill|end|half|ERRNO-NAME]
 
 Every thread and every program that the process starts is followed. Each has a label: the threads
 found at the start are 0, 1, 2 ... by age; what N starts is N.1, N.2 ... A point is a label and the
 number of the call among the side-effecting ones of that label, so a point means the same in every
-run, however threads take turns. JOURNAL gets one JSON object a line for each such call.
+run, however threads take turns. Lines written to a log are numbered apart, as "LABEL log": they are
+left out when two threads meet. JOURNAL gets one JSON object a line for each such call.
 
-kill ends the process and all that it started before the call is made, as a pulled plug would; an
-errno name lets this one call fail without being made. "ready" is printed once all is attached."""
+kill ends the process and all that it started before the call is made, as a pulled plug would; end
+does so to the one that makes the call alone. An errno name lets this one call fail without being
+made; half lets a write take half of its bytes.
+"ready" is printed once all is attached; the output ends when all that was traced has ended."""
 import ctypes
 import errno
 import json
@@ -25,20 +28,28 @@ EVENT_FORK, EVENT_VFORK, EVENT_CLONE, EVENT_STOP = 1, 2, 3, 128
 WALL = 0x40000000
 RAX, RDX, RSI, RDI, ORIG_RAX, REGISTERS = 10, 12, 13, 14, 15, 27  # of user_regs_struct, x86-64
 ENTERED = -errno.ENOSYS  # RAX when a call is about to be made
-WRITING = os.O_WRONLY | os.O_RDWR | os.O_CREAT
+WRITING = os.O_WRONLY | os.O_RDWR | os.O_CREAT | os.O_TRUNC
+LOGS = "/var/log/plugin_"
 
-# number: (name, what its first or second argument is)
-CALLS = {1: ("write", "fd"), 18: ("pwrite", "fd"), 20: ("writev", "fd"), 40: ("sendfile", "fd"),
-         2: ("open", "path"), 257: ("openat", "path2"), 85: ("creat", "path"),
-         76: ("truncate", "path"), 77: ("ftruncate", "fd"), 285: ("fallocate", "fd"),
-         82: ("rename", "path"), 264: ("renameat", "path2"), 316: ("renameat2", "path2"),
-         87: ("unlink", "path"), 263: ("unlinkat", "path2"), 84: ("rmdir", "path"),
-         83: ("mkdir", "path"), 258: ("mkdirat", "path2"), 86: ("link", "path"),
-         88: ("symlink", "path"), 90: ("chmod", "path"), 91: ("fchmod", "fd"),
-         268: ("fchmodat", "path2"), 74: ("fsync", "fd"), 75: ("fdatasync", "fd"),
-         56: ("clone", ""), 57: ("fork", ""), 58: ("vfork", ""), 435: ("clone3", ""),
-         59: ("execve", "path"), 44: ("sendto", "fd"), 46: ("sendmsg", "fd"),
-         307: ("sendmmsg", "fd"), 42: ("connect", "fd")}
+# by what their target is found with: a descriptor or a path, in the argument of this register
+CALLS = {
+    ("fd", RDI): {1: "write", 18: "pwrite", 20: "writev", 40: "sendfile", 42: "connect", 44: "sendto",
+                  46: "sendmsg", 49: "bind", 74: "fsync", 75: "fdatasync", 77: "ftruncate",
+                  91: "fchmod", 93: "fchown", 285: "fallocate", 296: "pwritev", 306: "syncfs",
+                  307: "sendmmsg", 328: "pwritev2"},
+    ("fd", RDX): {275: "splice", 326: "copy_file_range"},
+    ("path", RDI): {2: "open", 76: "truncate", 82: "rename", 83: "mkdir", 84: "rmdir", 85: "creat",
+                    87: "unlink", 90: "chmod", 92: "chown", 94: "lchown", 133: "mknod"},
+    ("path", RSI): {86: "link", 88: "symlink", 257: "openat", 258: "mkdirat", 259: "mknodat",
+                    260: "fchownat", 263: "unlinkat", 264: "renameat", 265: "linkat",
+                    266: "symlinkat", 268: "fchmodat", 316: "renameat2", 437: "openat2",
+                    280: "utimensat", 452: "fchmodat2"},
+    ("words", RSI): {59: "execve"},
+    ("words", RDX): {322: "execveat"},
+    ("", 0): {56: "clone", 57: "fork", 58: "vfork", 62: "kill", 162: "sync", 435: "clone3"},
+}
+FOUND_BY = {number: (name, *way) for way, names in CALLS.items() for number, name in names.items()}
+LONGEST, MOST_WORDS = 256, 16  # of a text, of a command line
 
 libc = ctypes.CDLL(None, use_errno=True)
 libc.ptrace.argtypes = (ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p)
@@ -57,28 +68,53 @@ def registers(tid):
     return struct.unpack(f"{REGISTERS}q", buffer.raw)
 
 
+def kill(tid):
+    try:
+        os.kill(tid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+
+
 def event_message(tid):
     value = ctypes.c_ulong()
     ptrace(GETEVENTMSG, tid, 0, ctypes.addressof(value))
     return value.value
 
 
-def text_at(tid, address):
+def bytes_at(tid, address, size):
     try:
         with open(f"/proc/{tid}/mem", "rb", buffering=0) as memory:
             memory.seek(address)
-            return memory.read(256).partition(b"\0")[0].decode("latin-1")
+            return memory.read(size)
     except (OSError, ValueError, OverflowError):
-        return "?"
+        return b""
 
 
-def target_of(tid, kind, values):
+def text_at(tid, address):
+    return bytes_at(tid, address, LONGEST).partition(b"\0")[0].decode("latin-1")
+
+
+def words_at(tid, address):
+    """A command line, its words joined by blanks."""
+    data = bytes_at(tid, address, MOST_WORDS * 8)
+    words = struct.unpack(f"{len(data) // 8}q", data[:len(data) // 8 * 8])
+    return " ".join(text_at(tid, word) for word in words[:(words + (0,)).index(0)])
+
+
+def target_of(tid, kind, value):
     if kind == "fd":
         try:
-            return os.readlink(f"/proc/{tid}/fd/{values[RDI] & 0xFFFFFFFF}").partition(":[")[0]
+            return os.readlink(f"/proc/{tid}/fd/{value & 0xFFFFFFFF}").partition(":[")[0]
         except OSError:
             return "?"
-    return text_at(tid, values[RDI if kind == "path" else RSI]) if kind else ""
+    return {"path": text_at, "words": words_at}[kind](tid, value) if kind else ""
+
+
+def opens_for_writing(tid, name, values):
+    flags = values[{"open": RSI}.get(name, RDX)]
+    if name == "openat2":
+        flags = int.from_bytes(bytes_at(tid, flags, 8), "little")
+    return flags & WRITING
 
 
 class Tracer:
@@ -87,6 +123,7 @@ class Tracer:
         self.goal, self.action = (label, number), action
         self.labels, self.counts, self.children = {}, {}, {}
         self.early, self.failing = set(), {}  # seen before their parent told; tid: -errno
+        self.dying = False
 
     def attach(self):
         for order, tid in enumerate(sorted(map(int, os.listdir(f"/proc/{self.pid}/task")))):
@@ -107,7 +144,9 @@ class Tracer:
                 self.labels.pop(tid, None)
 
     def stopped(self, tid, number, event):
-        if tid not in self.labels:
+        if self.dying:
+            kill(tid)  # born when all others were killed
+        elif tid not in self.labels:
             self.early.add(tid)
         elif number == signal.SIGTRAP | 0x80:
             self.call(tid)
@@ -130,27 +169,35 @@ class Tracer:
         values = registers(tid)
         if tid in self.failing:
             ptrace(POKEUSER, tid, RAX * 8, self.failing.pop(tid) & 0xFFFFFFFFFFFFFFFF)
-        elif values and values[RAX] == ENTERED and values[ORIG_RAX] in CALLS:
+        elif values and values[RAX] == ENTERED and values[ORIG_RAX] in FOUND_BY:
             self.counted(tid, values)
         ptrace(SYSCALL, tid)
 
     def counted(self, tid, values):
-        name, kind = CALLS[values[ORIG_RAX]]
-        flags = {"open": RSI, "openat": RDX}.get(name)
-        if flags and not values[flags] & WRITING:
+        name, kind, register = FOUND_BY[values[ORIG_RAX]]
+        if name in ("open", "openat", "openat2") and not opens_for_writing(tid, name, values):
             return
+        target = target_of(tid, kind, values[register])
         label = self.labels[tid]
+        if name == "write" and target.startswith(LOGS):
+            label += " log"
         number = self.counts[label] = self.counts.get(label, 0) + 1
         hit = (label, number) == self.goal
         self.journal.write(json.dumps({"label": label, "number": number, "call": name, "hit": hit,
-                                       "target": target_of(tid, kind, values)}) + "\n")
-        if hit and self.action == "kill":
-            for known in list(self.labels):
-                try:
-                    os.kill(known, signal.SIGKILL)
-                except ProcessLookupError:
-                    pass
-        elif hit:
+                                       "target": target}) + "\n")
+        if hit:
+            self.strike(tid, values)
+
+    def strike(self, tid, values):
+        if self.action == "kill":
+            self.dying = True
+            for known in [*self.labels, *self.early]:
+                kill(known)
+        elif self.action == "end":
+            kill(tid)
+        elif self.action == "half":
+            ptrace(POKEUSER, tid, RDX * 8, max(values[RDX] // 2, 1))
+        else:
             self.failing[tid] = -getattr(errno, self.action)
             ptrace(POKEUSER, tid, ORIG_RAX * 8, 0xFFFFFFFFFFFFFFFF)
 
