@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A request datagram through the whole dispatch, in each run mode, with a cloud that answers what
-// the input says. The settings file survives the requests.
-#include <algorithm>
+// A request datagram through the whole dispatch, in each run mode, with a cloud that answers and a
+// SIP account file that holds what the input says. The settings file survives the requests.
 #include <cstring>
 
 #include "base/text.h"
 #include "cloud/events.h"
+#include "cloud/pbx.h"
 #include "config/settings.h"
 #include "control/boa_protocol.h"
 #include "upgrade/app_info.h"
@@ -16,42 +16,33 @@ namespace {
 
 constexpr const char* MODES[] = {"off", "on", "ums", "disable"};
 
-app_info_ptr record(const char* name, const char* version) {
-    app_info_ptr made(new app_info);
-    made->app_name = heap_text(name);
-    made->version = heap_text(version);
-    return made;
-}
-
 void prepare(unsigned what) {
     if (first_app() == nullptr) {
-        append_app(record("cloudae", "1.0.0"));
+        addVersionToLocal("cloudae", "1.0.0");
     }
-    app_info* entry = first_app();
-    entry->remote = record("cloudae", "1.0.1");
-    entry->remote->rel_info = heap_text("notes");
+    app_info_ptr offer(new app_info);
+    offer->version = heap_text("1.0.1");
+    offer->rel_info = heap_text("notes");
+    first_app()->remote.swap(offer);
     set_text(pluginmgr_config.cloudserver, MODES[what % 4]);
-    set_text(pluginmgr_config.quorvel_service, "on");
     set_text(pluginmgr_config.quorvel_server, "pbx.example");
     set_text(pluginmgr_config.quorvel_token, (what & 8U) != 0 ? "token" : "");
     set_text(pluginmgr_config.api_server, (what & 4U) != 0 ? "api.example" : "");
     set_text(pluginmgr_config.accounts_server, "accounts.example");
     activation_state = (what & 16U) != 0 ? 1004 : 0;
+    pluginmgr_config.quorvel_sipuser = heap_text((what & 32U) != 0 ? "7" : nullptr);
     put_file(SETTINGS_FILE, "[Config]\ncloudserver=off\nuser_apiserver=a.example|10.0.0.1\n");
-    put_file("/dev/rkflash0p4", std::string("ethaddr=00:11:22:33:44:55") + std::string(2048, 'x'));
-}
-
-void body(fuzz_input& in) {
-    prepare(in.byte());
-    static std::string datagram;  // a restart leaves without its destructor
-    datagram = in.part();
-    world.answer = in.rest();
-    boa_request request = {};
-    memcpy(request.bytes, datagram.data(), std::min(datagram.size(), REQUEST_SIZE));
-    (void)http_handle_query(request, CONTROL_PORT);
-    require(file_text(SETTINGS_FILE).starts_with("[Config]\n"), "the settings file is whole");
+    put_file("/dev/rkflash0p4", "ethaddr=00:11:22:33:44:55" + std::string(2048, 'x'));
 }
 
 }  // namespace
 
-FUZZ_TARGET(body)
+void body(fuzz_input& in) {
+    prepare(in.byte());
+    boa_request request = {};
+    in.part().copy(request.bytes, REQUEST_SIZE);
+    put_file(PBX_CONFIG_FILE, in.part());
+    world.answer = in.rest();
+    (void)http_handle_query(request, CONTROL_PORT);
+    require(file_text(SETTINGS_FILE).starts_with("[Config]\n"), "the settings file is whole");
+}

@@ -3,8 +3,6 @@
 #include "upgrade/app_info.h"
 #include "world.h"
 
-namespace {
-
 void body(fuzz_input& in) {
     app_info here;
     app_info there;
@@ -14,7 +12,3 @@ void body(fuzz_input& in) {
     require(is_not_newer(&here, &here), "newer than itself");
     require(is_not_newer(&here, &there) || is_not_newer(&there, &here), "newer both ways");
 }
-
-}  // namespace
-
-FUZZ_TARGET(body)
