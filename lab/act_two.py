@@ -212,7 +212,7 @@ def pins(s):
     s.see("kept", lambda: [s.device.setting(key) for key in ("user_sipserver", "user_apiserver")],
           [SIP_PIN, API_PIN], lambda _: "user_sipserver and user_apiserver in pluginmgr.ini")
     _status, text, _ = s.pluginctl("get", "80037")
-    s.see("told back", lambda: text.split()[1], SIP_PIN)
+    s.see("told back", lambda: text.strip(), SIP_PIN)
 
 
 def pushed(s):

@@ -26,9 +26,9 @@ bool is_plain(char c) {
            (c != '\0' && strchr("._-/:@%+,=", c) != nullptr);
 }
 
-// Starts /bin/sh -c command with an empty signal mask; output, when not -1, becomes its standard
-// output. The child's id, or -1.
-pid_t start_shell(const char* command, int output) {
+// Starts /bin/sh -c command with an empty signal mask; descriptor, when not -1, becomes its
+// descriptor of the number `as`. The child's id, or -1.
+pid_t start_shell(const char* command, int descriptor = -1, int as = -1) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     sigset_t none;
@@ -41,8 +41,8 @@ pid_t start_shell(const char* command, int output) {
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &dispositions);
-    if (output >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    if (descriptor >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, descriptor, as);
     }
     char shell[] = "sh";
     char option[] = "-c";
@@ -109,8 +109,8 @@ std::string shell_words(std::string_view value) {
     return words;
 }
 
-int run_shell(const char* command) {
-    pid_t child = start_shell(command, -1);
+int run_shell(const char* command, int given) {
+    pid_t child = start_shell(command, given, GIVEN_DESCRIPTOR);
     if (child < 0) {
         return -1;
     }
@@ -137,7 +137,7 @@ long read_shell(const char* command, char* out, size_t size) {
     }
     unique_fd read_end(ends[0]);
     unique_fd write_end(ends[1]);
-    const pid_t child = start_shell(command, write_end.get());
+    const pid_t child = start_shell(command, write_end.get(), STDOUT_FILENO);
     write_end.reset();
     if (child < 0) {
         return -1;
@@ -161,7 +161,7 @@ long read_shell(const char* command, char* out, size_t size) {
 
 void run_shell_from_signal(const char* command) {
     // Spawning takes no lock of the allocator, as fork() would: the interrupted code may hold it.
-    const pid_t child = start_shell(command, -1);
+    const pid_t child = start_shell(command);
     if (child > 0) {
         (void)wait_for(child);
     }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Programs of the device, run through /bin/sh. The daemon keeps SIGPIPE blocked in its working
 // threads and its descriptors close-on-exec; what is started here gets an empty signal mask and
-// none of the descriptors. No state; any thread. A thread that is cancelled in run_shell kills and
-// reaps its shell first.
+// none of the descriptors but the one it is given. No state; any thread. A thread that is cancelled
+// in run_shell kills and reaps its shell first.
 #pragma once
 
 #include <cstddef>
@@ -16,9 +16,12 @@
 // The same for a program name with arguments: each blank-separated word by itself, blanks kept.
 [[nodiscard]] std::string shell_words(std::string_view value);
 
+constexpr int GIVEN_DESCRIPTOR = 9;
+
 // Runs a command and waits for it. Returns its wait status as system() does (exit code in bits 8
-// to 15), or -1 when no shell could be started.
-int run_shell(const char* command);
+// to 15), or -1 when no shell could be started. An open descriptor that is given becomes the
+// command's descriptor 9.
+int run_shell(const char* command, int given = -1);
 
 // The same with a printf format; a command longer than 1023 bytes is not run (result -1), for a
 // cut command is another command. Foreign values in it have passed shell_word.

@@ -195,8 +195,10 @@ int read_object(const char* name, const char* path, const char* key, const char*
 }  // namespace
 
 void save_pbx_file(const char* path, json_object* object) {
-    // Not json_object_to_file(): programs started meanwhile would inherit its descriptor.
-    const unique_fd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE));
+    // Not json_object_to_file(): programs started meanwhile would inherit its descriptor, and a
+    // pipe in the file's place would hold the writer for ever.
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
+    const unique_fd file(open(path, flags, FILE_MODE));
     if (file) {
         (void)json_object_to_fd(file.get(), object, JSON_C_TO_STRING_PLAIN);
     }

@@ -95,7 +95,7 @@ bool overwrite(int fd, const std::string& old, const std::string& text) {
         return false;
     }
     if (uninterrupted([&] { return fsync(fd); }) != 0) {
-        log_err("ini_set", __LINE__, "settings may not outlive a power cut: %s", strerror(errno));
+        log_err(__func__, __LINE__, "new text may not outlive a power cut: %s", strerror(errno));
     }
     return true;
 }

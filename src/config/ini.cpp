@@ -23,6 +23,7 @@ constexpr char FORM_FEED = 12;
 constexpr char CONTROL_Z = 26;
 constexpr char CONTINUED = '+';
 constexpr mode_t NEW_FILE_MODE = 0666;  // less the umask
+constexpr mode_t DRAFT_MODE = 0600;
 
 struct line_reader {
     file_ptr file;
@@ -237,7 +238,7 @@ int open_for_rewrite(const char* path, unique_fd* file, std::string* old) {
 }
 
 // 0, INI_NOT_CREATED, INI_READ_ERROR or INI_WRITE_ERROR.
-int replace_file(const char* path, const std::string& text) {
+int put_in_place(const char* path, const std::string& text) {
     unique_fd file;
     std::string old;
     const int code = open_for_rewrite(path, &file, &old);
@@ -314,12 +315,15 @@ int merge_pair(const char* path, const position& place, const std::string& pair,
 }
 
 // A temporary file without a name, so that no end of the process leaves it behind; -1 when there
-// is none to be had.
+// is none to be had. On a file system that knows no such files it has one for a moment.
 unique_fd open_draft() {
+    unique_fd file(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, DRAFT_MODE));
     char path[] = "/tmp/tmpconfigXXXXXX";
-    unique_fd file(mkostemp(path, O_CLOEXEC));
-    if (file) {
-        (void)unlink(path);  // made by us just now
+    if (!file) {
+        file.reset(mkostemp(path, O_CLOEXEC));
+        if (file) {
+            (void)unlink(path);  // made by us just now
+        }
     }
     return file;
 }
@@ -337,7 +341,7 @@ int rewrite_file(const char* path, const position& place, const char* key, const
     if (!write_text(draft.get(), text)) {
         return INI_WRITE_ERROR;
     }
-    if (!read_text(draft.get(), &text) || replace_file(path, text) != 0) {
+    if (!read_text(draft.get(), &text) || put_in_place(path, text) != 0) {
         return INI_NOT_CREATED;
     }
     log_plain(LOG_SYSTEM, 0, " set %s=%s", key, value);
@@ -443,6 +447,11 @@ int ini_list_keys(const char* path, std::string_view section, std::span<ini_name
         }
     }
     return code == 0 || code == INI_NO_KEY ? static_cast<int>(count) : code;
+}
+
+int replace_file(const char* path, std::string_view text) {
+    const file_lock lock;
+    return put_in_place(path, std::string(text));
 }
 
 int copy_file(const char* from, const char* to) {

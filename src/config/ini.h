@@ -47,5 +47,9 @@ int ini_set(const char* path, const char* section, const char* key, const char* 
 [[nodiscard]] int ini_list_keys(const char* path, std::string_view section,
                                 std::span<ini_name> names);
 
-// Copies a regular file over another, in place and as carefully as ini_set. 0 or an INI code.
+// Puts text in place of all that a file holds, as carefully as ini_set; a missing file is created.
+// A reader sees the old text or the new one, with empty lines behind it at most. 0 or an INI code.
+[[nodiscard]] int replace_file(const char* path, std::string_view text);
+
+// The same with the text of another, regular file.
 [[nodiscard]] int copy_file(const char* from, const char* to);

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <iterator>
 #include <string_view>
@@ -36,7 +35,7 @@ void allow_reuse(int fd) {
         log_err("param_id", __LINE__, "setsockopt, exit!!!");
         errno = error;
         perror("setsockopt");
-        exit(1);
+        _exit(1);  // not exit(): its destructors would race with the other threads
     }
 }
 

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -39,9 +40,16 @@ time_t last_tick = 0;
 unsigned tick_counter = 0;
 int version_report_pending = 1;
 
+// Whether an agent that is to send signs of life has sent none for too long. When the clock was set
+// back its silence counts from now, or nobody would look after it until the old time is reached.
+bool is_silent(time_t now, time_t* last_sign, int watched) {
+    *last_sign = std::min(*last_sign, now);
+    return watched != 0 && now - *last_sign > AGENT_SILENCE;
+}
+
 // An agent that stays silent is started again on every tick: its time is not reset here.
 void watch_cloudae(time_t now) {
-    if (cloudae_send_keep == 0 || now - last_keepcloudae <= AGENT_SILENCE) {
+    if (!is_silent(now, &last_keepcloudae, cloudae_send_keep)) {
         return;
     }
     if (mode_is("on") || mode_is("ums")) {
@@ -53,10 +61,8 @@ void watch_cloudae(time_t now) {
 }
 
 void watch_cloudsafety(time_t now) {
-    if (cloudsafety_send_keep == 0 || now - last_keepcloudsafety <= AGENT_SILENCE) {
-        return;
-    }
-    if (mode_is("disable") || mode_is("off")) {
+    const bool silent = is_silent(now, &last_keepcloudsafety, cloudsafety_send_keep);
+    if (silent && (mode_is("disable") || mode_is("off"))) {
         (void)do_app_action("cloudsafety", "restart");
     }
 }

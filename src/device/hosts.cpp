@@ -2,7 +2,10 @@
 #include "device/hosts.h"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 
+#include <cstdint>
 #include <cstring>
 
 #include "base/shell.h"
@@ -45,6 +48,29 @@ bool is_safe_pair(const char* domain, const char* ip) {
     return is_safe_address(ip);
 }
 
+// Room for the whole file and a line more: BusyBox's sed puts its output in the file's place
+// without looking whether all of it could be written, and so would empty the file on a full disk.
+bool has_room() {
+    struct stat file = {};
+    struct statvfs disk = {};
+    if (stat(HOSTS_FILE, &file) != 0 || statvfs(HOSTS_FILE, &disk) != 0 || disk.f_blocks == 0) {
+        return true;  // nothing to lose, or a memory file system without a limit
+    }
+    return disk.f_bavail * disk.f_frsize > static_cast<uint64_t>(file.st_size) + MAX_COMMAND;
+}
+
+void change_hosts(const char* function, const char* command) {
+    const char* reason = nullptr;
+    if (!has_room()) {
+        reason = "no room";
+    } else if (run_shell(command) != 0) {
+        reason = "command failed";
+    }
+    if (reason != nullptr) {
+        log_err(function, __LINE__, "%s not changed, %s: %s", HOSTS_FILE, reason, command);
+    }
+}
+
 // The entry whose value is domain, of those before the first unused one.
 const kv_entry* find_domain(std::span<const kv_entry> table, const char* domain) {
     for (const kv_entry& entry : table) {
@@ -60,13 +86,21 @@ const kv_entry* find_domain(std::span<const kv_entry> table, const char* domain)
 
 void replace_address(const char* old_ip, const char* ip, const char* domain) {
     // An address of another length leaves the line as it is: deliberate.
-    if (strcmp(old_ip, ip) == 0 || strlen(old_ip) != strlen(ip) || !is_plain_word(old_ip)) {
+    if (strcmp(old_ip, ip) == 0 || strlen(old_ip) != strlen(ip) || !is_dotted_ipv4(old_ip)) {
         return;
     }
     char command[MAX_REPLACE_COMMAND] = {};
     if (format_text(command, "sed -i 's#.*%s.*#%s %s#' /etc/hosts", old_ip, ip, domain)) {
-        run_shell(command);
+        change_hosts("checkHostsFile", command);
         log_msg(LOG_SYSTEM, 1, "checkHostsFile", __LINE__, "replace to hosts:%s %s\n", ip, domain);
+    }
+}
+
+void add_address(const char* ip, const char* domain) {
+    char command[MAX_COMMAND] = {};
+    if (format_text(command, "sed -i '1a%s %s' /etc/hosts", ip, domain)) {
+        change_hosts("checkHostsFile", command);
+        log_msg(LOG_SYSTEM, 1, "checkHostsFile", __LINE__, "add new to hosts:%s %s\n", ip, domain);
     }
 }
 
@@ -81,8 +115,7 @@ void checkHostsFile(const char* domain, const char* ip) {
     if (const kv_entry* found = find_domain(table, domain)) {
         replace_address(found->name.get(), ip, domain);
     } else {
-        run_shell_format("sed -i '1a%s %s' /etc/hosts", ip, domain);
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "add new to hosts:%s %s\n", ip, domain);
+        add_address(ip, domain);
     }
     free_kv_table(table);
 }
@@ -91,7 +124,7 @@ int add_domain_to_hosts(const char* ip, const char* domain) {
     char command[MAX_COMMAND] = {};
     if (is_safe_pair(domain, ip) &&
         format_text(command, "echo %s %s %s >> /etc/hosts", ip, domain, domain)) {
-        run_shell(command);
+        change_hosts(__func__, command);
         log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "Add domain cmd=%s", command);
     }
     return 0;
@@ -101,7 +134,7 @@ int add_domain_to_hosts(const char* ip, const char* domain) {
 int delete_domain_in_hosts(const char* ip, const char* /*domain*/) {
     char command[MAX_COMMAND] = {};
     if (is_safe_address(ip) && format_text(command, "sed -i '/%s/'d /etc/hosts", ip)) {
-        run_shell(command);
+        change_hosts(__func__, command);
         log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "delete domain cmd=%s", command);
     }
     return 0;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Lines of /etc/hosts, changed through the shell's echo and sed. A domain that is no plain word
-// (see base/shell.h) or an address that is not dotted IPv4 is refused with a log line. No state.
+// (see base/shell.h) or an address that is not dotted IPv4 is refused with a log line. When the
+// disk is too full for the file and a line more, or the command fails, the file stays as it was and
+// an error is logged. No state.
 #pragma once
 
 // Keeps /etc/hosts mapping domain to ip: replaces the address of a line whose name is domain

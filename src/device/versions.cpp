@@ -12,13 +12,16 @@
 #include "base/result.h"
 #include "base/shell.h"
 #include "base/text.h"
+#include "config/ini.h"
 #include "config/settings.h"
 #include "device/kv.h"
+#include "log/tb_log.h"
 
 namespace {
 
 constexpr const char* REVISION_FILE = "/var/log/version";
 constexpr const char* VERSIONS_FOLDER = "/var/log/versions";
+constexpr const char* CLOUD_VERSIONS = "/var/log/versions/cloud";
 constexpr const char* DEFAULT_MODEL = "KQ900";
 constexpr size_t REVISION_START = 4;  // both revisions have four characters before them
 constexpr size_t LINE_SIZE = 1025;
@@ -95,8 +98,12 @@ long write_cloud_version(std::string_view text) {
     if (stat(VERSIONS_FOLDER, &state) != 0) {
         run_shell("mkdir -p /var/log/versions");
     }
-    const file_ptr file(fopen("/var/log/versions/cloud", "we"));
-    return file ? static_cast<long>(fwrite(text.data(), 1, text.size(), file.get())) : FAILED;
+    const int code = replace_file(CLOUD_VERSIONS, text);
+    if (code != 0) {
+        log_err(__func__, __LINE__, "%s not written, code %d", CLOUD_VERSIONS, code);
+        return FAILED;
+    }
+    return static_cast<long>(text.size());
 }
 
 int list_versions(char* out, size_t size) {

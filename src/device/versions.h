@@ -14,7 +14,8 @@ void read_revision();
 // The second field of /proc/uptime. 0 or -1.
 [[nodiscard]] int read_uptime(char* out, size_t size);
 
-// Replaces /var/log/versions/cloud by text. Bytes written, or -1.
+// Puts text in place of all of /var/log/versions/cloud, where a reader never finds it empty. Bytes
+// written, or -1 with the old text kept and the reason logged.
 long write_cloud_version(std::string_view text);
 
 // Every line of every file in the folder, trimmed and joined with ','. 0, or -1 when there is

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The daemon's entry: one copy, signals, start-up, two threads, then sleep until told to end.
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include "log/tb_log.h"
 #include "net/transport.h"
 #include "upgrade/check_cycle.h"
+#include "upgrade/fetch.h"
 
 namespace {
 
@@ -36,10 +38,26 @@ int start_threads() {
     return 0;
 }
 
+// One of them that came closed would be given to the pid file or a log next, which then get what
+// is printed.
+void occupy_standard_descriptors() {
+    int null_device = 0;
+    do {
+        null_device = open("/dev/null", O_RDWR);  // children inherit it: not close-on-exec
+    } while (null_device >= 0 && null_device <= STDERR_FILENO);
+    (void)close(null_device);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (is_fetch(argc, argv)) {
+        mainPid = getppid();  // signals are only counted in a child
+        install_signal_handlers();
+        return run_fetch(argv);
+    }
     mainPid = getpid();
+    occupy_standard_descriptors();
     if (lock_pid_file(nullptr) != 0) {
         return -1;
     }
@@ -51,7 +69,7 @@ int main(int argc, char** argv) {
     block_sigpipe();
     (void)pluginmgr_init(init_flag);  // best effort in every step, always 0
     if (start_threads() != 0) {
-        return -1;
+        _exit(-1);  // not return: destructors would race with the thread that runs already
     }
     unblock_sigpipe();
 

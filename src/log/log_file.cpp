@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -41,6 +42,17 @@ void shift_copies(const log_record& record) {
         if (stat(from, &info) == 0 && rename(from, to) != 0) {
             log_err("tb_log", 644, "fail to rename the file - %s to %s", from, to);
         }
+    }
+}
+
+// A full disk costs the line. What it took of the line is taken back, or the next one would go on
+// behind half of it.
+void write_whole(FILE* file, std::string_view text) {
+    const size_t count = fwrite(text.data(), 1, text.size(), file);  // unbuffered
+    if (count != 0 && count < text.size()) {
+        const off_t start = lseek(fileno(file), -static_cast<off_t>(count), SEEK_END);
+        const bool gone = start >= 0 && ftruncate(fileno(file), start) == 0;
+        (void)gone;  // half a line is all that can come of it
     }
 }
 
@@ -122,8 +134,7 @@ void append_line(log_record& record, std::string_view text) {
     }
     FILE* file = record.fp;
     if (file != nullptr) {
-        (void)fwrite(text.data(), 1, text.size(), file);  // a full disk costs the line
-        (void)fflush(file);
+        write_whole(file, text);
     }
     check_rotation(record, false);  // opens again what could not be opened at the last rotation
     record.writing = false;

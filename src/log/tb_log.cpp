@@ -119,6 +119,19 @@ int log_set_level(int component, int level) {
     return 0;
 }
 
+int log_get_level(int component) {
+    return is_component(component) ? levels[component].load() : -1;
+}
+
+void log_join() {
+    log_init();
+    for (log_record& record : log_records) {
+        record.rotate_at_open = 0;
+        record.max_kb = UINT16_MAX;
+    }
+    (void)log_set_output(LOG_TO_FILE);
+}
+
 int log_dump() {
     int mode = output_mode;
     if (mode > LOG_TO_SCREEN) {

@@ -35,6 +35,10 @@ void log_init();
 int log_set_output(int mode);
 // Components 0 to 4; -1 for another.
 int log_set_level(int component, int level);
+int log_get_level(int component);
+// Instead of log_init and log_set_output, in a process beside the daemon: lines go behind what the
+// files hold, and the daemon alone sets them aside.
+void log_join();
 // Prints mode and levels to standard output. A mode above 2 is first reset to 0.
 int log_dump();
 // Closes the three files. Main thread, at the end.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "base/text.h"
@@ -21,8 +22,8 @@ constexpr std::string_view LINE_END = "\r\n";
 constexpr std::string_view HEADER_END = "\r\n\r\n";
 constexpr int FOUND = 302;
 constexpr long LENGTH_UNKNOWN = -1;
-constexpr long HEADER_OPEN = 0;  // not enough of the header is there to tell
-constexpr int MAX_WAITS = 10;    // the time of so many full waits is all an answer may take
+constexpr long HEADER_OPEN = 0;      // not enough of the header is there to tell
+constexpr long long MAX_WAITS = 10;  // the time of so many full waits is all an answer may take
 
 // What differs between the two kinds of connection.
 struct receive_kind {
@@ -40,6 +41,7 @@ struct answer {
     size_t size = 0;
     int seconds = 0;
     FILE* file = nullptr;
+    long long room = NO_LIMIT;  // bytes that file may still get
     long long end = deadline_in(MAX_WAITS * seconds);
     long total = 0;
     long expected = HEADER_OPEN;  // header and body
@@ -54,10 +56,12 @@ std::string_view held(const answer& a) {
     return {a.buffer, static_cast<size_t>(a.total)};
 }
 
-void save(const answer& a, std::string_view bytes) {
+void save(answer& a, std::string_view bytes) {
     if (a.file != nullptr) {
+        const auto count = static_cast<size_t>(std::min<long long>(a.room, std::ssize(bytes)));
         // A full disk shows in the file's size, by which the caller judges.
-        (void)fwrite(bytes.data(), 1, bytes.size(), a.file);
+        (void)fwrite(bytes.data(), 1, count, a.file);
+        a.room -= static_cast<long long>(count);
     }
 }
 
@@ -80,16 +84,18 @@ long read_more(answer& a) {
         a.buffer[used + static_cast<size_t>(count)] = '\0';
         if (whole) {
             save(a, {a.buffer, static_cast<size_t>(count)});
+            return a.room > 0 ? count : 0;  // as if nothing more came
         }
     }
     return count;
 }
 
-// Waits, then reads. What came may be no payload (a session ticket, half a record): then the same
-// wait goes on.
+// Waits, then reads. What came may be no payload (a session ticket, a piece of a record): then
+// another wait begins.
 long wait_and_read(answer& a) {
-    const long long deadline = std::min(deadline_in(a.seconds), a.end);
-    for (bool pending = has_pending(a.stream); now_ms() <= deadline; pending = false) {
+    long long deadline = 0;
+    for (bool pending = has_pending(a.stream); now_ms() <= a.end; pending = false) {
+        deadline = std::min(deadline_in(a.seconds), a.end);
         if (!pending && wait_until(a.stream.socket, a.stream.events, deadline) != 0) {
             break;
         }
@@ -135,7 +141,7 @@ long announced_length(const answer& a) {
     return body < 0 || whole > INT_MAX ? LENGTH_UNKNOWN : static_cast<long>(whole);
 }
 
-void save_body(const answer& a) {
+void save_body(answer& a) {
     const size_t end = held(a).find(HEADER_END);
     if (end != std::string_view::npos) {
         save(a, held(a).substr(end + HEADER_END.size()));
@@ -194,7 +200,8 @@ int receive(answer a) {
 
 }  // namespace
 
-int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file) {
+int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file,
+               long long limit) {
     if (conn->ssl == nullptr) {
         return 0;
     }
@@ -204,18 +211,20 @@ int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* f
                                 .buffer = buffer,
                                 .size = size,
                                 .seconds = seconds,
-                                .file = file});
+                                .file = file,
+                                .room = limit});
     restore_flags(conn->socket, flags);
     return result;
 }
 
-int recv_http(int socket, char* buffer, size_t size, int seconds, FILE* file) {
+int recv_http(int socket, char* buffer, size_t size, int seconds, FILE* file, long long limit) {
     return receive({.kind = HTTP_KIND,
                     .stream = {.socket = socket},
                     .buffer = buffer,
                     .size = size,
                     .seconds = seconds,
-                    .file = file});
+                    .file = file,
+                    .room = limit});
 }
 
 int check_http_redirect(char* text) {

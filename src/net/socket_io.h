@@ -7,6 +7,7 @@
 
 #include <cstddef>
 
+struct https_conn;
 struct ssl_st;
 
 // Log levels of component API.
@@ -16,7 +17,7 @@ constexpr int TRACE = 5;     // requests, answers and single reads
 // Milliseconds of the clock that nobody sets.
 long long now_ms();
 // The instant so many seconds from now.
-long long deadline_in(int seconds);
+long long deadline_in(long long seconds);
 
 constexpr long long NO_DEADLINE = -1;
 
@@ -29,8 +30,11 @@ constexpr long long NO_DEADLINE = -1;
 int set_nonblocking(int socket);
 void restore_flags(int socket, int flags);
 
-// An IPv4 stream socket whose blocking reads and writes end after a while. -1 when there is none,
-// which is logged for function.
+// How long a single write may make no headway: conn_timeout, 10 at least.
+int io_seconds();
+
+// An IPv4 stream socket whose blocking reads and writes end after io_seconds. -1 when there is
+// none, which is logged for function.
 [[nodiscard]] int new_tcp_socket(const char* function);
 
 // Where an answer comes from: TLS when ssl is set, else a plain socket. Borrows both. A TLS socket
@@ -50,3 +54,8 @@ constexpr long READ_AGAIN = -2;  // nothing for the reader yet: wait for stream.
 [[nodiscard]] long read_tls(net_stream* stream, char* out, size_t size);
 // Whether the TLS library holds received bytes, which no wait on the socket would report.
 [[nodiscard]] bool has_pending(const net_stream& stream);
+// Whether a reader of an open TLS connection would get something now, the end and half a record
+// included. What the TLS library keeps to itself, such as session tickets, is taken in.
+[[nodiscard]] bool has_payload(const https_conn& conn);
+// Says on an open TLS connection that nothing more will be sent. close_https is still due.
+void end_sending(https_conn* conn);

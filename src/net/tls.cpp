@@ -30,7 +30,8 @@ constexpr size_t PATH_SIZE = 1024;
 constexpr int HTTPS_PORT = 443;
 constexpr int HANDSHAKE_SECONDS = 8;
 constexpr int HANDSHAKE_LIMIT = 10 * HANDSHAKE_SECONDS;
-constexpr int HANDSHAKE_ROUNDS = 256;  // far more than any handshake takes
+constexpr int HANDSHAKE_RETRIES = 256;  // that come without a wait
+constexpr long long SEND_LIMIT = 10;    // the time of so many full waits is all a send may take
 constexpr size_t REASON_SIZE = 256;
 constexpr int HANDSHAKE_DONE = 1;
 
@@ -116,8 +117,7 @@ int open_tls(https_conn* conn, const char* host) {
     if (conn->ssl == nullptr) {
         return tls_failure("SSL_new");
     }
-    const bool verified = !is_empty(pluginmgr_config.tls_ca_file);
-    if (verified && require_certificate(conn, host) != 0) {
+    if (tls_is_verified() && require_certificate(conn, host) != 0) {
         return ERR_TLS;
     }
     if (SSL_set_fd(conn->ssl, conn->socket) != 1) {
@@ -126,7 +126,7 @@ int open_tls(https_conn* conn, const char* host) {
     log_msg(LOG_API, PROGRESS, "connect_https", __LINE__,
             "ssl set fd ok, then start connecting ssl....");
     if (ssl_connect_nonb(conn) != HANDSHAKE_DONE) {
-        if (verified) {
+        if (tls_is_verified()) {
             log_refusal(*conn, host);
         }
         const int code = tls_failure("SSL_connect");
@@ -140,30 +140,56 @@ int open_tls(https_conn* conn, const char* host) {
 bool handshake_goes_on(const https_conn& conn, int error, long long end) {
     if (error == SSL_ERROR_WANT_READ) {
         const long long deadline = std::min(deadline_in(HANDSHAKE_SECONDS), end);
-        if (wait_until(conn.socket, POLLIN, deadline) == 0) {
+        if (wait_until(conn.socket, POLLIN, deadline) == 0 && now_ms() < end) {
             return true;
         }
-        const int reason = errno;
         log_err("ssl_connect_nonb", __LINE__, "SSL_connect timeout");
-        return reason == 0;
+        return false;
     }
     return (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) && errno == 0;
 }
 
-// An interrupted write is repeated; any other failure stands.
-int write_tls(SSL* ssl, const char* data, size_t length) {
-    const int part = static_cast<int>(std::min<size_t>(length, INT_MAX));
-    for (;;) {
-        ERR_clear_error();
-        errno = 0;
-        const int count = SSL_write(ssl, data, part);
-        if (count > 0 || errno != EINTR) {
-            return count;
-        }
+// Waits for what the TLS library lacks, which is something to read when the server has asked for
+// another handshake. False when nothing helps, or the time is over.
+bool send_goes_on(const https_conn& conn, int error, long long end) {
+    if (error != SSL_ERROR_WANT_WRITE && error != SSL_ERROR_WANT_READ) {
+        return false;
     }
+    const short events = error == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
+    const long long deadline = std::min(deadline_in(io_seconds()), end);
+    return wait_until(conn.socket, events, deadline) == 0 && now_ms() < end;
+}
+
+// One write to a non-blocking socket, repeated until it is done. Bytes written, or less than 1.
+int write_tls(const https_conn& conn, const char* data, size_t length, long long end) {
+    const int part = static_cast<int>(std::min<size_t>(length, INT_MAX));
+    int count = 0;
+    do {
+        ERR_clear_error();
+        count = SSL_write(conn.ssl, data, part);
+    } while (count < 1 && send_goes_on(conn, SSL_get_error(conn.ssl, count), end));
+    return count;
+}
+
+int send_all(const https_conn& conn, const char* bytes, size_t length) {
+    const long long end = deadline_in(SEND_LIMIT * io_seconds());
+    for (size_t sent = 0; sent < length;) {
+        const int count = write_tls(conn, bytes + sent, length - sent, end);
+        if (count < 1) {
+            log_err("send_https_buf", __LINE__, "SSL_write Error");
+            return FAILED;
+        }
+        sent += static_cast<size_t>(count);
+        log_msg(LOG_API, TRACE, "send_https_buf", __LINE__, "%zu bytes send OK!", sent);
+    }
+    return 0;
 }
 
 }  // namespace
+
+bool tls_is_verified() {
+    return !is_empty(pluginmgr_config.tls_ca_file);
+}
 
 void ssl_library_init() {
     OPENSSL_init_ssl(0, nullptr);
@@ -182,7 +208,7 @@ int ssl_connect_nonb(https_conn* conn) {
     const int flags = set_nonblocking(conn->socket);
     const long long end = deadline_in(HANDSHAKE_LIMIT);
     int result = 0;
-    for (int round = 0; round < HANDSHAKE_ROUNDS; round++) {
+    for (int retries = 0; retries < HANDSHAKE_RETRIES;) {
         ERR_clear_error();
         errno = 0;
         result = SSL_connect(conn->ssl);
@@ -192,6 +218,7 @@ int ssl_connect_nonb(https_conn* conn) {
         if (!handshake_goes_on(*conn, error, end)) {
             break;
         }
+        retries += error == SSL_ERROR_WANT_READ ? 0 : 1;
     }
     restore_flags(conn->socket, flags);
     return result;
@@ -251,17 +278,10 @@ int send_https_buf(https_conn* conn, const void* data, size_t length) {
         log_err(__func__, __LINE__, "https doesn't connected");
         return FAILED;
     }
-    const auto* bytes = static_cast<const char*>(data);
-    for (size_t sent = 0; sent < length;) {
-        const int count = write_tls(conn->ssl, bytes + sent, length - sent);
-        if (count < 1) {
-            log_err(__func__, __LINE__, "SSL_write Error");
-            return FAILED;
-        }
-        sent += static_cast<size_t>(count);
-        log_msg(LOG_API, TRACE, __func__, __LINE__, "%zu bytes send OK!", sent);
-    }
-    return 0;
+    const int flags = set_nonblocking(conn->socket);
+    const int result = send_all(*conn, static_cast<const char*>(data), length);
+    restore_flags(conn->socket, flags);
+    return result;
 }
 
 int send_https_str(https_conn* conn, const char* text) {
@@ -279,4 +299,22 @@ long read_tls(net_stream* stream, char* out, size_t size) {
 
 bool has_pending(const net_stream& stream) {
     return stream.ssl != nullptr && SSL_has_pending(stream.ssl) == 1;
+}
+
+bool has_payload(const https_conn& conn) {
+    char first = '\0';
+    const int flags = set_nonblocking(conn.socket);
+    ERR_clear_error();
+    const int count = SSL_peek(conn.ssl, &first, sizeof first);
+    const int error = SSL_get_error(conn.ssl, count);
+    ERR_clear_error();
+    restore_flags(conn.socket, flags);
+    return error != SSL_ERROR_WANT_READ || SSL_has_pending(conn.ssl) == 1;
+}
+
+void end_sending(https_conn* conn) {
+    (void)SSL_shutdown(conn->ssl);  // the peer may be gone
+    // Its notice is not awaited when the connection is closed.
+    SSL_set_shutdown(conn->ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
+    (void)shutdown(conn->socket, SHUT_WR);
 }

@@ -36,6 +36,7 @@ struct download {
     const char* name;  // of the public function, for the log
     const char* url;
     const char* target;
+    long long limit;  // bytes to be saved at most
     char host[HOST_SIZE] = {};
     char path[PATH_SIZE] = {};
     int port = DEFAULT_PORT;
@@ -67,9 +68,9 @@ int send_request(download& d, const char* request) {
 
 int receive_answer(download& d, char* buffer) {
     if (d.plain) {
-        return recv_http(d.plain.get(), buffer, REQUEST_SIZE, WAIT_SECONDS, d.file.get());
+        return recv_http(d.plain.get(), buffer, REQUEST_SIZE, WAIT_SECONDS, d.file.get(), d.limit);
     }
-    return recv_https(&d.secure, buffer, REQUEST_SIZE, WAIT_SECONDS, d.file.get());
+    return recv_https(&d.secure, buffer, REQUEST_SIZE, WAIT_SECONDS, d.file.get(), d.limit);
 }
 
 // Requests until something else than a redirect comes. 0 or a TRANSFER code.
@@ -155,7 +156,7 @@ int upload(https_conn* conn, const char* host, const char* path, const char* fil
     }
     // Closing with something unread, a session ticket for one, would reset the connection and
     // take what is still on its way with it. The peer is given a moment to close first.
-    (void)shutdown(conn->socket, SHUT_WR);
+    end_sending(conn);
     char unread[CHUNK_SIZE] = {};
     for (int reads = 0; reads < LINGER_READS; reads++) {
         if (wait_readable(conn->socket, LINGER_SECONDS) != 0 ||
@@ -168,18 +169,22 @@ int upload(https_conn* conn, const char* host, const char* path, const char* fil
 
 }  // namespace
 
-int download_file(const char* url, const char* target) {
+bool wget_may_fetch(const char* url) {
+    return !tls_is_verified() || has_prefix(url, "http://");
+}
+
+int download_file(const char* url, const char* target, long long limit) {
     if (has_prefix(url, "http://")) {
-        return http_get_file(url, target);
+        return http_get_file(url, target, limit);
     }
     if (has_prefix(url, "https://")) {
-        return https_get_file(url, target);
+        return https_get_file(url, target, limit);
     }
     return TRANSFER_NO_FILE;
 }
 
-int http_get_file(const char* url, const char* target) {
-    download d = {.name = __func__, .url = url, .target = target};
+int http_get_file(const char* url, const char* target, long long limit) {
+    download d = {.name = __func__, .url = url, .target = target, .limit = limit};
     const int code = open_target(d);
     if (code != 0) {
         return code;
@@ -193,8 +198,8 @@ int http_get_file(const char* url, const char* target) {
     return d.plain ? fetch(d) : TRANSFER_NO_CONNECT;
 }
 
-int https_get_file(const char* url, const char* target) {
-    download d = {.name = __func__, .url = url, .target = target};
+int https_get_file(const char* url, const char* target, long long limit) {
+    download d = {.name = __func__, .url = url, .target = target, .limit = limit};
     const int code = open_target(d);
     if (code != 0) {
         return code;

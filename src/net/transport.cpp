@@ -68,11 +68,12 @@ bool ask_system(const char* host, in_addr* address) {
     return true;
 }
 
-// Whether there is something to read, if only the end.
+// Whether there is something for the reader, if only the end.
 bool has_leftover(const https_conn& conn) {
     char first = '\0';
-    return has_pending({.socket = conn.socket, .ssl = conn.ssl}) ||
-           recv(conn.socket, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT) >= 0;
+    const bool came = has_pending({.socket = conn.socket, .ssl = conn.ssl}) ||
+                      recv(conn.socket, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT) >= 0;
+    return came && (conn.ssl == nullptr || has_payload(conn));
 }
 
 // The broadcast address, to which no connection succeeds, for a text that is no address.
@@ -92,8 +93,8 @@ long long now_ms() {
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
-long long deadline_in(int seconds) {
-    return now_ms() + std::max(seconds, 0) * 1000LL;
+long long deadline_in(long long seconds) {
+    return now_ms() + std::max(seconds, 0LL) * 1000;
 }
 
 int wait_until(int socket, short events, long long deadline) {
@@ -127,6 +128,10 @@ void restore_flags(int socket, int flags) {
     (void)fcntl(socket, F_SETFL, flags);
 }
 
+int io_seconds() {
+    return std::max(pluginmgr_config.conn_timeout, MIN_IO_SECONDS);
+}
+
 int new_tcp_socket(const char* function) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -134,7 +139,7 @@ int new_tcp_socket(const char* function) {
         return FAILED;
     }
     timeval limit = {};
-    limit.tv_sec = std::max(pluginmgr_config.conn_timeout, MIN_IO_SECONDS);
+    limit.tv_sec = io_seconds();
     // A peer that takes nothing must not hold the sending thread for ever.
     (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);

@@ -9,6 +9,7 @@
 
 #include <sys/socket.h>
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -25,7 +26,11 @@ struct https_conn {
     ssl_ctx_st* ssl_ctx = nullptr;
 };
 
+constexpr long long NO_LIMIT = LLONG_MAX;
 constexpr int GOT_REDIRECT = -2;  // of the receive functions; the buffer holds the location
+
+// Whether tls_ca_file is set.
+bool tls_is_verified();
 
 // Once, before any connection. Main thread.
 void ssl_library_init();
@@ -51,9 +56,9 @@ void close_https(https_conn* conn);
 // -1 when the record is closed or is not to be used again (it is closed then), 0 otherwise.
 int check_https_conn(https_conn* conn);
 
-// How the peer stands, for the keep-alive rule between two requests: read without changing
-// anything. Closed too is one that has sent what no request asked for, and one whose answer was
-// given up: whatever comes from there would be taken for the next answer.
+// How the peer stands, for the keep-alive rule between two requests; nothing is closed. Closed too
+// is one that has sent what no request asked for, and one whose answer was given up: whatever comes
+// from there would be taken for the next answer. Session tickets are no such thing, however late.
 enum class peer_state { open, closed, unknown };
 [[nodiscard]] peer_state https_peer_state(const https_conn& conn);
 
@@ -61,22 +66,24 @@ enum class peer_state { open, closed, unknown };
 // last also, with the reason logged, for a certificate that tls_ca_file does not vouch for.
 [[nodiscard]] int connect_https(https_conn* conn, const char* url);
 
-// Sends everything. 0 or -1.
+// Sends everything, within ten times the limit of a write. 0 or -1.
 [[nodiscard]] int send_https_buf(https_conn* conn, const void* data, size_t length);
 [[nodiscard]] int send_https_str(https_conn* conn, const char* text);
 
 // Receives one answer. buffer holds size bytes of it and one more for a terminator, so it is
 // size + 1 bytes long. An answer that cannot fit overwrites the buffer as it comes; its body goes
-// to file, when given. seconds limits each wait, ten times as long the whole answer. The number of
-// bytes received (0 after a wait in vain), or GOT_REDIRECT. Of an answer that is given up in its
-// middle the connection ends.
-[[nodiscard]] int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file);
+// to file, when given, until that has got limit bytes: then the answer is given up. seconds limits
+// each wait, ten times as long the whole answer. The number of bytes received (0 after a wait in
+// vain), or GOT_REDIRECT. Of an answer that is given up in its middle the connection ends.
+[[nodiscard]] int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file,
+                             long long limit = NO_LIMIT);
 
 // Plain HTTP: the descriptor is the caller's. -1 when there is no connection.
 [[nodiscard]] int connect_http(const char* host, int port);
 [[nodiscard]] int send_http_buf(int socket, const void* data, size_t length);
 [[nodiscard]] int send_http_str(int socket, const char* text);
-[[nodiscard]] int recv_http(int socket, char* buffer, size_t size, int seconds, FILE* file);
+[[nodiscard]] int recv_http(int socket, char* buffer, size_t size, int seconds, FILE* file,
+                            long long limit = NO_LIMIT);
 
 // -1: text has no status line; 1: not a redirect, or one whose location has no end of line; 0: a
 // 302, whose location, if it has one, now stands at the start of text.

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,16 +21,19 @@
 #include "log/tb_log.h"
 #include "net/dns.h"
 #include "net/transfer.h"
+#include "upgrade/app_info.h"
+#include "upgrade/fetch.h"
+#include "upgrade/package_file.h"
 #include "upgrade/report.h"
 #include "upgrade/request.h"
 
 namespace {
 
 constexpr const char* FUNCTION = "download_run";
-constexpr const char* DOWNLOAD_FOLDER = "/tmp/dl_cloud/";
 constexpr useconds_t POLL_PAUSE = 500'000;  // microseconds
 constexpr int POLL_LIMIT = 1200;            // about ten minutes
 constexpr int CHILD_EXIT = 127;
+constexpr pid_t NO_CHILD = -1;
 constexpr off_t NO_FILE = -1;
 
 std::atomic<int> download_attempts = 0;  // odd: wget
@@ -38,7 +42,11 @@ struct job {
     app_info* entry = nullptr;
     const app_info* remote = nullptr;
     bool use_wget = false;
+    bool has_folder = false;  // of our own to download into
     char target[PACKAGE_PATH_SIZE] = {};
+    // Bytes that the file may get: one too many tells a package that is larger than announced.
+    long long limit = 0;
+    fetch_command fetch = {};  // of the daemon's own client
 };
 
 off_t file_size(const char* path) {
@@ -122,10 +130,18 @@ void pin_host(const char* link) {
     }
 }
 
+// A program that writes on is ended by the kernel, without leaving a core.
+void limit_file_size(long long limit) {
+    const rlimit size = {static_cast<rlim_t>(limit), static_cast<rlim_t>(limit)};
+    const rlimit nothing = {};
+    (void)setrlimit(RLIMIT_FSIZE, &size);  // lowering a limit does not fail
+    (void)setrlimit(RLIMIT_CORE, &nothing);
+}
+
 // The child is a copy of a process with several threads, any of whose locks may have been taken
-// for good: should it hang on one, the parent's poll limit ends it.
+// for good: until it runs another program it makes system calls only.
 [[noreturn]] void run_child(const job& work, pid_t parent) {
-    // It holds the daemon's sockets, so it must not outlive the daemon.
+    // Nobody would judge what it brings once the daemon is gone.
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) {
         _exit(CHILD_EXIT);
@@ -136,27 +152,37 @@ void pin_host(const char* link) {
         (void)dup2(null_device, STDERR_FILENO);
     }
     run_shell("mkdir -p /tmp/dl_cloud/");
-    const char* link = work.remote->link.get();
+    (void)umask(S_IWGRP | S_IWOTH);
     if (work.use_wget) {
         sigset_t none;
         sigemptyset(&none);
         (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-        execlp("wget", "wget", "-O", work.target, link, static_cast<char*>(nullptr));
+        limit_file_size(work.limit);
+        execlp("wget", "wget", "-O", work.target, work.remote->link.get(),
+               static_cast<char*>(nullptr));
     } else {
-        (void)download_file(link, work.target);  // the parent judges by the file's size
+        exec_fetch(work.fetch);
     }
     _exit(CHILD_EXIT);
 }
 
-pid_t start_child(const job& work) {
+pid_t start_child(job* work) {
+    work->has_folder = own_folder(DOWNLOAD_FOLDER);
+    if (!work->has_folder) {
+        return NO_CHILD;
+    }
+    // A file, or a link, that lies there already is not written through.
+    (void)unlink(work->target);
+    work->limit = std::max<long long>(work->remote->size, 0) + 1;
+    build_fetch(work->remote->link.get(), work->target, work->limit, &work->fetch);
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
-        run_child(work, parent);
+        run_child(*work, parent);
     }
     if (child > 0) {  // without one the missing file is the failure
         log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "new process %d download %s using %s", child,
-                work.target, work.use_wget ? "wget" : "internal function");
+                work->target, work->use_wget ? "wget" : "internal function");
     }
     return child;
 }
@@ -167,7 +193,6 @@ void log_child(pid_t child, const char* target, const char* how) {
 
 // Waits for the child to end, or ends it. False when the download has been stopped.
 bool watch_child(const job& work, pid_t child) {
-    const off_t most = std::max<off_t>(work.remote->size, file_size(work.target));
     for (int polls = 0;; polls++) {
         if (waitpid(child, nullptr, WNOHANG) != 0) {
             log_child(child, work.target, "finish");
@@ -184,15 +209,12 @@ bool watch_child(const job& work, pid_t child) {
             log_child(child, work.target, "timeout");
             return true;
         }
-        if (file_size(work.target) > most) {
-            (void)kill(child, SIGKILL);  // more than announced would fill the device's memory
-        }
         usleep(POLL_PAUSE);
     }
 }
 
 bool is_complete(const job& work) {
-    const off_t size = file_size(work.target);
+    const off_t size = work.has_folder ? file_size(work.target) : NO_FILE;
     if (size == NO_FILE) {
         log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download %s failed", work.target);
         return false;
@@ -209,26 +231,16 @@ bool is_complete(const job& work) {
 
 void fail(const job& work) {
     download_attempts++;
-    run_shell_format("rm -f %s", shell_word(work.target).c_str());
+    if (work.has_folder) {
+        run_shell_format("rm -f %s", shell_word(work.target).c_str());
+        (void)unlink(work.target);  // also without a shell
+    }
     report_upgrade_result(*work.entry, "download failed");
     // Last: from then on another download may write the same file, another offer come.
     end_with(work.entry, APP_DOWNLOAD_FAILED);
 }
 
 }  // namespace
-
-bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]) {
-    (*out)[0] = '\0';
-    if (is_empty(version_name) || strchr(version_name, '/') != nullptr ||
-        strcmp(version_name, ".") == 0 || strcmp(version_name, "..") == 0) {
-        return false;
-    }
-    if (!format_text(*out, "%s%s", DOWNLOAD_FOLDER, version_name)) {
-        (*out)[0] = '\0';
-        return false;
-    }
-    return true;
-}
 
 void* download_run(void* entry) {
     (void)pthread_detach(pthread_self());
@@ -239,13 +251,13 @@ void* download_run(void* entry) {
     if (!prepare(&work)) {
         return nullptr;
     }
-    work.use_wget = download_attempts % 2 != 0;
+    work.use_wget = download_attempts % 2 != 0 && wget_may_fetch(remote->link.get());
     if (work.use_wget && text_of(pluginmgr_config.device_model) != "BRIX") {
         pin_host(remote->link.get());
     }
     // The status is "downloading" since the thread was started; setting it again here would undo
     // a stop.
-    const pid_t child = start_child(work);
+    const pid_t child = start_child(&work);
     if (child > 0 && !watch_child(work, child)) {
         return nullptr;
     }

@@ -15,7 +15,7 @@
 #include "base/text.h"
 #include "config/settings.h"
 #include "log/tb_log.h"
-#include "upgrade/download.h"
+#include "upgrade/package_file.h"
 #include "upgrade/report.h"
 #include "upgrade/signature.h"
 #include "upgrade/version_list.h"
@@ -31,6 +31,7 @@ constexpr off_t RESULT_SUCCESS = 10;
 constexpr off_t RESULT_PARTIAL = 2;
 constexpr size_t MESSAGE_SIZE = 128 + 1;
 constexpr size_t SIGNATURE_TEXT_SIZE = 100;
+constexpr size_t SOURCE_SIZE = 32;
 
 bool find_package(const app_info& remote, char (*package)[PACKAGE_PATH_SIZE]) {
     if (!package_path(remote.version_name.get(), package)) {
@@ -66,7 +67,9 @@ void refuse(app_info* entry, const char* package, int status, const char* reason
     report_upgrade_result(*entry, reason);
 }
 
-bool verify_package(app_info* entry, const app_info& remote, const char* package) {
+// package is an open file, path its former name.
+bool verify_package(app_info* entry, const app_info& remote, int package, const char* path) {
+    char source[SOURCE_SIZE] = {};
     char signature[SIGNATURE_TEXT_SIZE] = {};
     const char* name = entry->app_name.get();
     if (pluginmgr_config.check_signature != 1) {
@@ -75,37 +78,49 @@ bool verify_package(app_info* entry, const app_info& remote, const char* package
     if (is_empty(remote.signature.get())) {
         log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
                 "%s version info havn't signature, refuse upgrade.", name);
-        refuse(entry, package, APP_NO_SIGNATURE, "not found signature");
+        refuse(entry, path, APP_NO_SIGNATURE, "not found signature");
         return false;
     }
-    if (upgrade_signature(package, remote.version.get(), signature, sizeof signature) != 0 ||
+    format_text(source, "/proc/self/fd/%d", package);
+    if (upgrade_signature(source, remote.version.get(), signature, sizeof signature) != 0 ||
         strcmp(signature, remote.signature.get()) != 0) {
         log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
                 "%s version signature not match, refuse upgrade.", name);
-        refuse(entry, package, APP_BAD_SIGNATURE, "signature not match");
+        refuse(entry, path, APP_BAD_SIGNATURE, "signature not match");
         return false;
     }
     return true;
 }
 
+// A cancelled thread runs no destructors, and the file has no name any more: its room would stay
+// taken.
+void close_package(void* package) {
+    (void)close(*static_cast<int*>(package));
+}
+
 // The only place where the thread can be cancelled: no lock, log line or exchange is under way.
-int run_cancellable(const char* command) {
+int run_cancellable(const char* command, int package) {
+    int result = FAILED;
+    (void)lseek(package, 0, SEEK_SET);  // an earlier run has read it
+    pthread_cleanup_push(close_package, &package);
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     pthread_testcancel();
-    const int result = run_shell(command);
+    result = run_shell(command, package);
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_cleanup_pop(0);
     return result;
 }
 
-void run_install_script(const char* package) {
+// The script is told the name and given the open file, which is what it unpacks.
+void run_install_script(int package, const char* path) {
     const std::string command =
-        std::string(INSTALL_SCRIPT) + ' ' + shell_word(package) + " >/dev/null";
+        std::string(INSTALL_SCRIPT) + ' ' + shell_word(path) + " >/dev/null";
     (void)unlink(RESULT_FILE);  // an earlier install's must not count when the script cannot run
-    int result = run_cancellable(command.c_str());
+    int result = run_cancellable(command.c_str(), package);
     if (result > 0) {
         generateInstallShell(INSTALL_SCRIPT);
         log_err(FUNCTION, __LINE__, "command:%s fail with %d, try again!", command.c_str(), result);
-        result = run_cancellable(command.c_str());
+        result = run_cancellable(command.c_str(), package);
     }
     log_msg(LOG_SERVICE, 7, FUNCTION, __LINE__, "%d command:%s ,return %d", getpid(),
             command.c_str(), result);
@@ -129,6 +144,11 @@ void record_new_version(app_info* entry, const app_info& remote) {
     dumpVersionToFile();
 }
 
+void fail(app_info* entry) {
+    report_upgrade_result(*entry, "fail");
+    end_with(entry, APP_INSTALL_FAILED);
+}
+
 void log_result(const app_info& entry, off_t result, const char* message) {
     log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "%s upgrade result %d(%s)", entry.app_name.get(),
             static_cast<int>(result), message);
@@ -139,8 +159,7 @@ void log_result(const app_info& entry, off_t result, const char* message) {
 void judge_result(app_info* entry, const app_info& remote) {
     struct stat info = {};
     if (stat(RESULT_FILE, &info) != 0) {
-        report_upgrade_result(*entry, "fail");
-        end_with(entry, APP_INSTALL_FAILED);
+        fail(entry);
         return;
     }
     if (info.st_size == RESULT_SUCCESS) {
@@ -174,9 +193,15 @@ bool install(app_info* entry) {
     if (!begin_install(entry)) {
         return false;
     }
-    if (verify_package(entry, *remote, package)) {
-        run_install_script(package);
+    const unique_fd file = take_package(package);
+    if (!verify_package(entry, *remote, file.get(), package)) {
+        return true;
+    }
+    if (own_folder(UNPACK_FOLDER)) {
+        run_install_script(file.get(), package);
         judge_result(entry, *remote);
+    } else {
+        fail(entry);
     }
     return true;
 }

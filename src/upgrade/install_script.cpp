@@ -2,7 +2,8 @@
 #include "upgrade/install.h"
 
 // Two jobs: "untar_web [BRIX]" unpacks the web pages that came with the firmware; a path installs
-// that package, whose own install.sh leaves its result in /tmp/up_cloud.
+// that package, whose own install.sh leaves its result in /tmp/up_cloud. The daemon hands over the
+// package as descriptor 9, open, verified and without a name by then.
 const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
     if [ -e /var/bin/cloud_web.tar.gz ]; then
         tar zxf /var/bin/cloud_web.tar.gz -C /tmp 2>/dev/null
@@ -36,7 +37,12 @@ mkdir -p /tmp/up_cloud/
 cd /tmp/up_cloud/ || exit 1
 rm -rf ./* ./.[!.]* ./..?*
 
-tar zxf "$1"
+if [ -f /proc/self/fd/9 ]; then
+    tar zxf - <&9
+    exec 9<&-
+else
+    tar zxf "$1"
+fi
 
 if [ -e install.sh ]; then
     ./install.sh >/dev/null 2>&1

@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/handles.h"
 #include "base/json.h"
@@ -160,6 +162,19 @@ json_ptr cloud_versions_document(char (&text)[VERSION_TEXT_SIZE]) {
     return list;
 }
 
+// Into the environment of the programs that are started. First before other threads exist; later
+// calls only swap this entry's pointer, so that threads which start programs meanwhile are safe.
+// One of them may still be reading the text before, which is kept; setenv() would keep every one.
+void export_versions(const char* document) {
+    static text_ptr current;
+    static text_ptr previous;
+    text_ptr text = heap_text((std::string("cloud_version=") + document).c_str());
+    if (text && putenv(text.get()) == 0) {
+        previous = std::move(current);
+        current = std::move(text);
+    }
+}
+
 std::string_view note_of(const app_info& entry, size_t limit) {
     if (!entry.remote || !entry.remote->rel_info) {
         return "null";
@@ -304,9 +319,7 @@ void send_versions_to_cloudae(int send) {
     if (document == nullptr) {
         return;
     }
-    // First set before other threads exist; later calls only swap this entry's pointer, so that
-    // threads which start programs meanwhile are safe.
-    (void)setenv("cloud_version", document, 1);
+    export_versions(document);
     if (send == 1) {
         (void)sendToCloudae(document);  // logged there; the agent asks again when it needs them
     }

@@ -8,14 +8,13 @@ import subprocess
 import pytest
 
 from lab.deployment import VERSION
-from lab.device import AGENT_INI, CONTROL_PORT, plugin_files, wait_until, write_text
+from lab.device import AGENT_INI, CONTROL_PORT, ENROLLED, NOT_OFFERED, plugin_files, wait_until, write_text
 from lab.package import build
 from lab.platform import Answer
 
 NAME, OLD, NEW = "cloud_phone", "1.0.0", "1.1.0"
-ENROLLED = {"active_state": "true", "device_key": "key-of-the-device", "cloudserver": "on"}
 DONE, NOT_DONE, USAGE, NOBODY = 0, 1, 2, 3
-RESTARTED, CHECK_FAILED = 7, 10
+RESTARTED = 7
 
 
 def start(*words):
@@ -44,7 +43,7 @@ def enrolled(platform, device):
 
     def start_and_check():
         device.start()
-        wait_until(lambda: device.plugins()["pluginmgr"]["status"] in (0, CHECK_FAILED)
+        wait_until(lambda: device.plugins()["pluginmgr"]["status"] in (0, NOT_OFFERED)
                    and platform.requests("*/apps/pluginmgr"), what="the first check")
     device.start_and_check = start_and_check
     return device
@@ -62,7 +61,10 @@ def test_status_check_and_parameters(platform, enrolled):
     code, out, error = run("check")
     assert (code, error, rows(out)[NAME]) == (DONE, "", [OLD, NEW, "newer version available", "3.0 MiB"])
     assert run("get", "80005") == (DONE, out, "")
-    assert run("get", "80001") == (DONE, "fail\n", "")
+    enrolled.set(id80037="sip.lan|10.0.0.5")
+    for number, value in (("80000", "on"), ("80001", "fail"), ("80020", "true"), ("80037", "sip.lan|10.0.0.5"),
+                          ("80038", "")):
+        assert run("get", number) == (DONE, value + "\n", "")
     state, plugins = enrolled.get(80000), enrolled.get(80005)
     for words, expected in ((("status",), {"state": state, "plugins": plugins}), (("check",), plugins),
                             (("get", "80000"), state), (("get", "80005"), plugins)):

@@ -34,6 +34,13 @@ def test_report_of_the_web_server_goes_on_as_it_is(platform, device):
     assert changes(platform, before) == [REPORT + "&x=1&y=a%20b", REPORT, long[:255 - len(DEVICE + "?")]]
     assert {one.headers["authorization"] for one in platform.requests(CHANGE, before)} == {
         basic("key-of-the-device:x-auth-device")}
+    device.reset(settings=ENROLLED | {"cloudserver": "ums"}, agents=())
+    device.start(faketime=True)
+    before = platform.mark()
+    assert device.replies(REPORT + "&x=1") == [], 'not in mode "ums"'
+    device.shift_time(TICK)
+    time.sleep(PAUSE)
+    assert not platform.requests(since=before) and not device.log_lines(RETRY)
 
 
 def test_report_outlives_an_outage(platform, device):
@@ -60,15 +67,6 @@ def test_report_outlives_an_outage(platform, device):
     time.sleep(PAUSE)
     assert changes(platform, before) == [f"{REPORT}&x={number}" for number in (2, 3, 3, 4)]
     assert len(device.log_lines(RETRY)) == 9
-
-
-def test_report_is_ignored_in_ums(platform, device):
-    device.reset(settings=ENROLLED | {"cloudserver": "ums"}, agents=())
-    device.start(faketime=True)
-    assert device.replies(REPORT + "&x=1") == []
-    device.shift_time(TICK)
-    time.sleep(PAUSE)
-    assert not platform.requests() and not device.log_lines(RETRY)
 
 
 def test_app_report_of_the_agent(platform, device):

@@ -1,17 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the web pages read and change: run mode, UMS server, switches and pinned servers."""
 import concurrent.futures
-import os
 
 import pytest
 
 from lab.deployment import API_SERVER
-from lab.device import AGENT_INI, ENROLLED, HOSTS, INI, read_text, wait_until, write_text
+from lab.device import AGENT_INI, ENROLLED, HOSTS, read_text, wait_until, write_text
 from lab.platform import DEVICE_ID, Reply, coded
 
 DEVICE = "/v1/devices/" + DEVICE_ID
-CHANGE, BIND, UNBIND = (line.format(DEVICE) for line in (
-    "PUT {}", "POST {}/actions/bind", "DELETE {}/actions/bind"))
+CHANGE, UNBIND = f"PUT {DEVICE}", f"DELETE {DEVICE}/actions/bind"
 SET, OK = "method=gw.config.set&", {"result": "ok", "code": 0}
 RATE = 4  # of the clock, where modes change: each takes seconds of pauses
 USER_SERVERS = {"id80037": "user_sipserver", "id80038": "user_apiserver"}
@@ -171,49 +169,6 @@ def test_pinned_servers(enrolled):
         assert enrolled.query(f"method=gw.config.get&id={key[2:]}").text == (
             f'{{"result":"ok","code":0,"{key}":"{value}"}}')
     assert [one for one in PIN_LINES if not enrolled.log_lines(one)] == []
-
-
-HOSTILE = ["a;touch /tmp/owned|10.0.0.6", "$(touch /tmp/owned)|10.0.0.6", "`touch /tmp/owned`|10.0.0.6",
-           "a'b;touch /tmp/owned;'|10.0.0.6", "a\";touch /tmp/owned;\"|10.0.0.6", "a>/tmp/owned|10.0.0.6",
-           "a.lan|10.0.0.6;touch /tmp/owned", "a.lan|$(touch /tmp/owned)", "a.lan|'$(touch /tmp/owned)'",
-           "a.lan|/d;1,$d;#", "a.lan|.*", "a.lan|1", "a.lan|6/w /tmp/owned", "a.lan|" + "1" * 90, "*|10.0.0.6",
-           "a.lan|10.0.0.6+", "a.lan\n6.6.6.6 evil|10.0.0.6", "a.lan|10.0.0.6\n6.6.6.6 evil",
-           "a.lan|\n6.6.6.6 evil", "-e\\n6.6.6.6|10.0.0.6", "a 6.6.6.6|10.0.0.6", "%s%n|10.0.0.6"]
-
-
-def test_hostile_pins_do_no_harm(enrolled):
-    """Neither when they are set and taken back, nor at the next start."""
-    def assert_harmless(value):
-        lines = read_text(HOSTS).splitlines()
-        assert not os.path.exists("/tmp/owned") and lines[:2] == [HOME, OTHER], value
-        assert all(line.startswith("10.0.0.6 ") for line in lines[2:]) and len(lines) < 4, (value, lines)
-        assert "\n6.6.6.6" not in read_text(INI) and enrolled.get(80000)["id80000"] == "on", value
-        write_text(HOSTS, f"{HOME}\n{OTHER}\n")
-    write_text(HOSTS, f"{HOME}\n{OTHER}\n")
-    for value in HOSTILE:
-        for key in USER_SERVERS:
-            for one in (value, ""):
-                assert enrolled.replies(f"{SET}{key}={one}") == [OK]
-                assert_harmless(value)
-            assert enrolled.get(key[2:])[key] == ""
-    for pair in zip(HOSTILE[0::2], HOSTILE[1::2]):
-        enrolled.kill_all()
-        enrolled.write_settings({"cloudserver": "on"} | dict(zip(USER_SERVERS.values(), (
-            one.replace("\n", " ") for one in pair))))
-        enrolled.write_flash(device_id=None)  # which makes for a quick start
-        enrolled.start()
-        assert_harmless(pair)
-
-
-def test_line_break_is_no_second_setting(platform, enrolled):
-    platform.api.answer(BIND, coded(0))
-    pid = enrolled.pid()
-    for text in ("id80035=on\ncloudserver=disable", "id80035=on\r\n[Config]", "id80037=\ncloudserver=disable",
-                 "id80002=true&id80007=token\ncloudserver=disable", "id80014=lan\nUMS_SERVER=evil"):
-        assert enrolled.query(SET + text).json() == OK, text
-    enrolled.wait_new_pid(pid)
-    assert "\ncloudserver=disable" not in read_text(INI) and read_text(INI).count("[Config]") == 1
-    assert "evil" not in read_text(AGENT_INI) and enrolled.get(80000)["id80014"] == ""
 
 
 def test_pinned_api_server_replaces_the_name_servers(platform, device):

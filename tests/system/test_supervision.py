@@ -4,15 +4,13 @@ import os
 
 import pytest
 
-from lab.device import read_text, wait_until
+from lab.device import ENROLLED, read_text, wait_until
 from lab.platform import DEVICE_ID, Answer
 
-ENROLLED = {"active_state": "true", "device_key": "key-of-the-device"}
-READ, CHANGE = f"GET /v1/devices/{DEVICE_ID}", f"PUT /v1/devices/{DEVICE_ID}"
+READ = "GET /v1/devices/" + DEVICE_ID
 UPGRADES = "GET /v1/res/upgrade/apps/*"
-TICK, SILENCE = 30, 360   # seconds between two runs of the periodic work; patience with an agent
+TICK, SILENCE, YEAR = 30, 360, 31536000   # seconds between two runs of the periodic work; patience with an agent
 SWITCHES = 4              # of the control thread, in which at least one idle pass has begun
-REFUSED = Answer({"code": 500})
 
 
 def idle_pass(device):
@@ -40,10 +38,6 @@ def calls(agent):
     return [start["argv"][1:] for start in agent.starts()]
 
 
-def versions(platform):
-    return platform.requests(lambda one: "versions" in one.query)
-
-
 # mode as set and as told; arguments of cloudae; is cloudsafety started, the cloud asked, upgrades
 @pytest.mark.parametrize("mode, told, cloudae, cloudsafety, cloud, upgrades", [
     ("on1", "on1", [[]], False, True, True), ("ums", "ums", [["--ums"]], False, False, False),
@@ -59,26 +53,33 @@ def test_modes_at_start(platform, device, mode, told, cloudae, cloudsafety, clou
     (device.cloudsafety if cloudsafety else device.cloudae).wait_started()
     idle_pass(device)
     assert calls(device.cloudae) == cloudae and calls(device.cloudsafety) == [[]] * cloudsafety
-    assert bool(platform.requests(READ)) == bool(versions(platform)) == cloud
+    reports = platform.requests(lambda one: "versions" in one.query)
+    assert bool(platform.requests(READ)) == bool(reports) == cloud
     assert bool(platform.requests(UPGRADES)) == upgrades
     assert len(os.listdir(f"/proc/{child.pid}/task")) == 2 + upgrades
     assert ("cloud service is disabled, enter disabled mode" in device.errors()) == told.startswith("disable")
 
 
-@pytest.mark.parametrize("mode, watched, arguments", [
-    ("on", "cloudae", []), ("ums", "cloudae", ["--ums"]), ("off", "cloudsafety", []),
-    ("disable", "cloudsafety", [])])
-def test_silent_agent_is_restarted(device, mode, watched, arguments):
-    """Only the agent of the mode, only after the time is up, and on every tick until it speaks."""
+# mode, its agent, the arguments that it is started with; what else it is told when it never speaks
+@pytest.mark.parametrize("mode, watched, arguments, mute", [
+    ("on", "cloudae", [], None), ("ums", "cloudae", ["--ums"], None), ("off", "cloudsafety", [], None),
+    ("disable", "cloudsafety", [], None), ("on", "cloudae", [], {"version": "1.0.24"}),
+    ("off", "cloudsafety", [], {"enable": False})])
+def test_silent_agent_is_restarted(device, mode, watched, arguments, mute):
+    """Only the agent of the mode, only after the time is up, and on every tick until it speaks; one
+    that never speaks is left alone."""
     device.reset(settings={"cloudserver": mode})
     for agent in (device.cloudae, device.cloudsafety):
         agent.behave(keepalive=0)
     agent = getattr(device, watched)
+    agent.behave(**mute or {})
     device.start(faketime=True)
     agent.wait_started()
     idle_pass(device)
-    later(device, SILENCE - 20)
+    later(device, SILENCE * 2 if mute else SILENCE - 20)
     assert len(agent.starts()) == 1
+    if mute:
+        return
     for count, seconds in ((2, SILENCE + 15), (3, SILENCE + 50)):
         later(device, seconds)
         agent.wait_started(count)
@@ -88,65 +89,18 @@ def test_silent_agent_is_restarted(device, mode, watched, arguments):
     agent.behave(keepalive=0)
     later(device, SILENCE + 50 + SILENCE - 40)
     assert len(calls(device.cloudae) + calls(device.cloudsafety)) == 3
+    later(device, -YEAR)  # from then on its silence counts anew
+    later(device, -YEAR + SILENCE + 15)
+    agent.wait_started(4)
 
 
-@pytest.mark.parametrize("mode, watched, orders", [
-    ("on", "cloudae", {"version": "1.0.24"}), ("off", "cloudsafety", {"enable": False})])
-def test_agent_that_never_speaks_is_left_alone(device, mode, watched, orders):
-    device.reset(settings={"cloudserver": mode})
-    agent = getattr(device, watched)
-    agent.behave(keepalive=0, **orders)
-    device.start(faketime=True)
-    agent.wait_started()
-    idle_pass(device)
-    later(device, 2 * SILENCE)
-    assert len(agent.starts()) == 1
-
-
-@pytest.fixture
-def start_ticking(platform, device):
-    """Starts a registered device without agents, under a clock that can be moved."""
-    def start():
-        platform.cloud.device.active = True
-        device.reset(settings=ENROLLED | {"cloudserver": "on"}, agents=())
-        device.start(faketime=True)
-        idle_pass(device)
-        return device
-    return start
-
-
-def ticks_2_to_20(platform, device):
-    """Lets 19 ticks pass; the platform recovers before the tenth of all."""
-    for tick in range(2, 21):
-        if tick == 10:
-            platform.api.reset()
-        later(device, tick * (TICK + 1))
-        yield tick
-
-
-def test_activation_is_retried_on_its_ticks(platform, start_ticking):
-    """On ticks 1 to 6 and every tenth. Nothing else reaches the cloud until it succeeds; the
-    versions are due again ten ticks later."""
-    platform.api.answer(READ, REFUSED)
-    device = start_ticking()
-    counts = [(len(platform.requests(READ)), len(versions(platform))) for _ in ticks_2_to_20(platform, device)]
-    reads = [3, 4, 5, 6, 7, 7, 7, 7] + [8] * 11  # after one at the start and one on tick 1
-    assert counts == list(zip(reads, [0] * 18 + [1]))
-    assert len(platform.requests("POST */metrics")) == 1 and platform.requests(UPGRADES)
-
-
-def test_version_report_is_repeated_until_it_succeeds(platform, start_ticking):
-    platform.api.answer(CHANGE, lambda request: REFUSED if "versions" in request.query else None)
-    device = start_ticking()
-    counts = [len(versions(platform)) for _ in ticks_2_to_20(platform, device)]
-    assert counts == [1] * 8 + [2] * 11
-    assert "pluginmgr:" in platform.cloud.device.reported["versions"]
-
-
-def test_when_the_periodic_work_is_due(platform, start_ticking):
+def test_when_the_periodic_work_is_due(platform, device):
     """After 30 seconds, and at once when the clock goes back; never between requests."""
-    platform.api.answer(READ, REFUSED)
-    device = start_ticking()
+    platform.cloud.device.active = True
+    platform.api.answer(READ, Answer({"code": 500}))
+    device.reset(settings=ENROLLED, agents=())
+    device.start(faketime=True)
+    idle_pass(device)
     for clock, runs in ((0, False), (20, False), (40, True), (60, False), (35, True), (-90000, True),
                         (-89980, False)):
         before = len(platform.requests(READ))

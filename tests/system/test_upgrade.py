@@ -1,19 +1,25 @@
 # SPDX-License-Identifier: Apache-2.0
 """From an offer to an installed plug-in, and every way in which that goes wrong."""
+import concurrent.futures
+import contextlib
 import json
 import os
+import random
+import subprocess
 import time
 
 import pytest
 
-from lab.device import INI, VERSION_LIST, agent_program, device_processes, read_text, wait_until
-from lab.package import build
+from lab.device import VERSION_LIST, agent_program, device_processes, read_text, wait_until, write_text
+from lab.package import build, sign
 from lab.platform import DEVICE_ID, Answer, redirect
 
 NAME, OLD, NEW = "cloud_phone", "1.0.0", "1.1.0"
 ENROLLED = {"active_state": "true", "device_key": "key-of-the-device", "cloudserver": "on"}
 IDLE, DOWNLOAD_FAILED, INSTALLING, INSTALL_FAILED, RESTARTED = 0, 3, 5, 6, 7
 UP_TO_DATE, CHECK_FAILED, PARTIAL, NO_SIGNATURE, BAD_SIGNATURE = 9, 10, 11, 12, 13
+SCRIPT, AUTHORITY = "/var/run/cloud_install.sh", "/etc/ssl/certs/ca-certificates.crt"
+NOT_UNPACKED = f"upcompress /tmp/dl_cloud/{NAME}-{NEW}.tar.gz fail"
 
 
 def package_path(package):
@@ -32,16 +38,25 @@ def enrolled(platform, device):
     return device
 
 
-def offer_and_update(platform, device, package, **changes):
+def offer(platform, device, package, **changes):
     platform.cloud.offer(package, **changes)
     device.start()
     device.wait_status(NAME, IDLE)
     wait_until(lambda: device.plugins()[NAME]["pluginNewVersion"] == NEW, what="the offer")
-    assert device.action(pluginName=NAME, pluginAction="update") == {"result": "ok", "code": 0}
 
 
-def flip_last_byte(package):
-    package.data = package.data[:-1] + bytes([package.data[-1] ^ 1])
+def update(device, name=NAME):
+    assert device.action(pluginName=name, pluginAction="update") == {"result": "ok", "code": 0}
+
+
+def offer_and_update(platform, device, package, **changes):
+    offer(platform, device, package, **changes)
+    update(device)
+
+
+def update_again(device):
+    assert device.get(80025), "a failed upgrade can be asked for again after a check"
+    update(device)
 
 
 # what is built; what is changed in the offer; status and report in the end
@@ -51,21 +66,22 @@ ENDINGS = {
     "installer fails": ({"result": "fail", "message": "disk full"}, {}, INSTALL_FAILED, "disk full"),
     "result of size 2": ({"result": "restart", "message": "half"}, {}, PARTIAL, "half"),
     "no result": ({"result": None}, {}, INSTALL_FAILED, "fail"),
-    "no installer": ({"layout": "none"}, {}, INSTALL_FAILED,
-                     f"upcompress /tmp/dl_cloud/{NAME}-{NEW}.tar.gz fail"),
+    "no installer": ({"layout": "none"}, {}, INSTALL_FAILED, NOT_UNPACKED),
     "no signature": ({}, {"signature": ""}, NO_SIGNATURE, "not found signature"),
-    "foreign signature": ({}, {"signature": "0" * 40}, BAD_SIGNATURE, "signature not match"),
-    "a byte too many": ({}, {"size": 1}, DOWNLOAD_FAILED, "download failed"),
+    "no signature asked for": ({"check_signature": 0}, {"signature": ""}, RESTARTED, "ok"),
+    "another byte": ({"padding": 5000}, {"signature": lambda package: sign(package.data[:-1] + b"?", NEW)},
+                     BAD_SIGNATURE, "signature not match"),
+    "a byte too many": ({}, {"size": lambda package: len(package.data) + 1}, DOWNLOAD_FAILED, "download failed"),
 }
 
 
 @pytest.mark.parametrize("kind", ENDINGS)
 def test_ending_of_an_upgrade(platform, enrolled, kind):
     made, changes, status, result = ENDINGS[kind]
-    package = build(NAME, NEW, **made)
-    if "size" in changes:
-        changes = {"size": len(package.data) + changes["size"]}
-    offer_and_update(platform, enrolled, package, **changes)
+    enrolled.write_settings(ENROLLED | {"check_signature": made.get("check_signature", 1)})
+    package = build(NAME, NEW, **{key: value for key, value in made.items() if key != "check_signature"})
+    offer_and_update(platform, enrolled, package, **{
+        key: value(package) if callable(value) else value for key, value in changes.items()})
     entry = enrolled.wait_status(NAME, status)
     wait_until(lambda: platform.cloud.device.upgrades == [report(result)], what="the report")
     assert not os.path.exists(package_path(package))
@@ -78,37 +94,107 @@ def test_ending_of_an_upgrade(platform, enrolled, kind):
         assert json.loads(read_text(VERSION_LIST))[0]["version_name"] == package.file_name
 
 
-def test_flipped_byte_is_refused(platform, enrolled):
-    package = build(NAME, NEW, padding=5000)
-    flip_last_byte(package)
-    offer_and_update(platform, enrolled, package)
-    enrolled.wait_status(NAME, BAD_SIGNATURE)
+def test_what_was_verified_is_what_is_installed(platform, enrolled):
+    """Another package under its name, as soon as it is verified, is not looked at."""
+    with open("/run/lab/other.tar.gz", "wb") as file:
+        file.write(build(NAME, NEW, result="fail", message="another package").data)
+    package = build(NAME, NEW)
+    offer(platform, enrolled, package)
+    write_text(SCRIPT, read_text(SCRIPT).replace("\n", '\ncp /run/lab/other.tar.gz "$1"\n', 1))
+    update(enrolled)
+    enrolled.wait_status(NAME, RESTARTED)
     assert not os.path.exists(package_path(package))
 
 
-def test_signature_is_not_asked_for_when_switched_off(platform, enrolled):
-    enrolled.reset(settings=ENROLLED | {"check_signature": 0}, agents=())
-    offer_and_update(platform, enrolled, build(NAME, NEW), signature="")
-    enrolled.wait_status(NAME, RESTARTED)
-
-
 @pytest.mark.parametrize("wget", ["busybox", "gnu"])
-@pytest.mark.parametrize("scheme", ["https", "http"])
-def test_broken_download_is_repeated_by_wget(platform, enrolled, wget, scheme):
-    """Each failure changes the method; both come through redirects and both kinds of link."""
+@pytest.mark.parametrize("scheme, authority", [("https", None), ("http", None), ("https", AUTHORITY), ("http", AUTHORITY)])
+def test_broken_download_is_repeated_by_wget(platform, enrolled, wget, scheme, authority):
+    """Each failure changes the method, but what has to be verified is not left to wget."""
     package = build(NAME, NEW, padding=300_000)
+    enrolled.write_settings(ENROLLED | {"tls_ca_file": authority})
     enrolled.wget(wget)
     platform.dl.answer("GET /packages/*", Answer(package.data, cut_after=100_000), times=1)
     offer_and_update(platform, enrolled, package, scheme=scheme)
     enrolled.wait_status(NAME, DOWNLOAD_FAILED)
     assert not os.path.exists(package_path(package))
-    assert enrolled.get(80025), "a failed upgrade can be asked for again after a check"
-    assert enrolled.action(pluginName=NAME, pluginAction="update")["code"] == 0
+    update_again(enrolled)
     enrolled.wait_status(NAME, RESTARTED)
     first, second = platform.requests("GET /packages/*")
     assert first.raw.startswith(f"GET {first.target} HTTP/1.0\r\nHost: ".encode())
-    assert "wget" in second.headers["user-agent"].lower()
+    agent = second.headers.get("user-agent", "")
+    assert ("wget" in agent.lower()) == (scheme == "http" or authority is None)
     assert platform.cloud.device.upgrades == [report("download failed"), report("ok")]
+
+
+@pytest.mark.parametrize("wget", ["busybox", "gnu"])
+def test_announced_size_is_a_limit_while_bytes_arrive(platform, enrolled, wget):
+    """For either method; the rest, which would take half a minute, is not waited for."""
+    package, sizes, limit = build(NAME, NEW, padding=3_000_000), [0], 100_000
+    enrolled.wget(wget)
+    platform.dl.answer("GET /packages/*", Answer(package.data, drip=10_000, drip_pause=0.1))
+
+    def failed():
+        sizes.append(0)
+        with contextlib.suppress(FileNotFoundError):
+            sizes[-1] = os.path.getsize(package_path(package))
+        return len(sizes) % 20 == 0 and enrolled.plugins()[NAME]["status"] == DOWNLOAD_FAILED
+    offer_and_update(platform, enrolled, package, size=limit)
+    wait_until(failed, 12, "the end of the daemon's own download", 0.01)
+    update_again(enrolled)
+    wait_until(failed, 12, "the end of wget's", 0.01)
+    assert max(sizes) == limit + 1 and not os.path.exists(package_path(package))
+
+
+@contextlib.contextmanager
+def missing(path):
+    os.rename(path, path + ".away")
+    try:
+        yield
+    finally:
+        os.rename(path + ".away", path)
+
+
+@pytest.mark.parametrize("program, status, result", [
+    ("wget", DOWNLOAD_FAILED, "download failed"), ("tar", INSTALL_FAILED, NOT_UNPACKED), ("sh", INSTALL_FAILED, "fail")])
+def test_missing_program(platform, enrolled, program, status, result):
+    """A failure like others; the next try works when it is back. The first download fails for wget's turn."""
+    package = build(NAME, NEW)
+    os.replace("/bin/sh", "/bin/sh.busybox")  # which would need no tar
+    os.symlink("/usr/bin/dash", "/bin/sh")
+    try:
+        platform.dl.answer("GET /packages/*", Answer(package.data, cut_after=100), times=1)
+        offer_and_update(platform, enrolled, package)
+        enrolled.wait_status(NAME, DOWNLOAD_FAILED)
+        with missing("/bin/" + program):
+            update_again(enrolled)
+            wait_until(lambda: platform.cloud.device.upgrades[1:] == [report(result)], 20, "the report")
+            enrolled.wait_status(NAME, status)
+            assert not os.path.exists(package_path(package))
+        update_again(enrolled)
+        enrolled.wait_status(NAME, RESTARTED)
+    finally:
+        enrolled.kill_all()
+        os.replace("/bin/sh.busybox", "/bin/sh")
+
+
+def test_full_download_folder(platform, enrolled):
+    """By either method the package fails and goes; there is room for a later one."""
+    package, folder = build(NAME, NEW, padding=300_000), os.path.dirname(package_path(build(NAME, NEW)))
+    os.mkdir(folder)
+    subprocess.run(["/bin/mount", "-t", "tmpfs", "-o", "size=64k", "none", folder], check=True)
+    try:
+        offer(platform, enrolled, package)
+        for count in (1, 2):
+            update_again(enrolled)
+            wait_until(lambda: platform.cloud.device.upgrades == [report("download failed")] * count, 20, "the report")
+            enrolled.wait_status(NAME, DOWNLOAD_FAILED)
+            assert os.listdir(folder) == []
+        subprocess.run(["/bin/mount", "-o", "remount,size=4m", folder], check=True)
+        update_again(enrolled)
+        enrolled.wait_status(NAME, RESTARTED)
+    finally:
+        enrolled.kill_all()
+        subprocess.run(["/bin/umount", folder], check=True)
 
 
 @pytest.mark.parametrize("redirects, status", [(4, RESTARTED), (5, DOWNLOAD_FAILED)])
@@ -124,37 +210,16 @@ def test_redirects_of_the_internal_client(platform, enrolled, redirects, status)
 
 
 def test_forced_upgrade_needs_nobody_but_never_repeats_a_version(platform, enrolled):
-    platform.cloud.offer(build(NAME, NEW), force=True)
-    enrolled.start()
-    enrolled.wait_status(NAME, RESTARTED)
-    assert enrolled.get(80025)
-    enrolled.wait_status(NAME, UP_TO_DATE)
-    assert len(platform.requests("GET /packages/*")) == 1
-
-
-def test_failed_forced_upgrade_waits_for_the_next_check(platform, enrolled):
+    """A failed one waits for the next check."""
     platform.cloud.offer(build(NAME, NEW, result="fail"), force=True)
     enrolled.start()
     enrolled.wait_status(NAME, INSTALL_FAILED)
     platform.cloud.offer(build(NAME, NEW), force=True)
     assert enrolled.get(80025)
     enrolled.wait_status(NAME, RESTARTED)
-
-
-def test_cancelled_download_stops_at_once_and_one_upgrade_at_a_time(platform, enrolled):
-    package, other = build(NAME, NEW, padding=200_000), build("cloud_fax", "2.0")
-    enrolled.write_plugins({NAME: OLD, "cloud_fax": "1.0"})
-    platform.cloud.offer(other)
-    platform.dl.answer("GET /packages/cloud_phone*", Answer(package.data, drip=2000, drip_pause=0.2))
-    offer_and_update(platform, enrolled, package)
-    platform.wait_request("GET /packages/*")
-    assert enrolled.action(pluginName="cloud_fax", pluginAction="update")["code"] == 41
-    assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
-    wait_until(lambda: len(device_processes()) == 1, 3, "the end of the transfer")
-    assert enrolled.plugins()[NAME]["status"] == IDLE
-    assert enrolled.action(pluginName="cloud_fax", pluginAction="update")["code"] == 0
-    enrolled.wait_status("cloud_fax", RESTARTED)
-    assert platform.cloud.device.upgrades == [report("ok", "cloud_fax", "1.0", "2.0")]
+    assert enrolled.get(80025)
+    enrolled.wait_status(NAME, UP_TO_DATE)
+    assert len(platform.requests("GET /packages/*")) == 2
 
 
 def test_cancelled_install_blocks_later_ones_until_a_restart(platform, enrolled):
@@ -164,13 +229,49 @@ def test_cancelled_install_blocks_later_ones_until_a_restart(platform, enrolled)
     enrolled.wait_status(NAME, INSTALLING)
     assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
     assert enrolled.plugins()[NAME]["status"] == IDLE
-    assert enrolled.action(pluginName="cloud_fax", pluginAction="update")["code"] == 0
+    update(enrolled, "cloud_fax")
     enrolled.wait_status("cloud_fax", 4)
+    files = f"/proc/{enrolled.pid()}/fd/"
+    assert not any("/tmp/" in os.readlink(files + number) for number in os.listdir(files)), "its room is free again"
     with pytest.raises(AssertionError):
         enrolled.wait_status("cloud_fax", RESTARTED, timeout=2)
 
 
-def test_refusals_of_the_control_service(platform, enrolled):
+def test_starts_and_stops_hammered(platform, enrolled):
+    """Of two upgrades asked for at once one is refused. Whatever the instants of starts and stops, nothing
+    is left running and the daemon lives; an install that was stopped waits for its restart."""
+    names, end = (NAME, "cloud_fax"), time.monotonic() + 8
+    enrolled.write_plugins({name: OLD for name in names})
+    packages = [build(name, NEW, padding=50_000, slow=0.4, result="fail") for name in names]
+    for package in packages:
+        platform.dl.answer(f"GET /packages/{package.name}*", Answer(package.data, drip=25_000, drip_pause=0.3))
+        offer(platform, enrolled, package) if package is packages[-1] else platform.cloud.offer(package)
+    wait_until(lambda: enrolled.plugins()["cloud_fax"]["pluginNewVersion"] == NEW, what="the other offer")
+    tasks = f"/proc/{(pid := enrolled.pid())}/task"
+    threads = len(os.listdir(tasks))
+
+    def act(name, action="update"):
+        return enrolled.action(pluginName=name, pluginAction=action)["code"]
+
+    def hammer(seed):
+        dice, codes = random.Random(seed), set()
+        while time.monotonic() < end:
+            codes.add(act(dice.choice(names), dice.choice(("update", "update", "cancel"))))
+            time.sleep(dice.choice((0, 0.05, 0.8)))
+        return codes
+    with concurrent.futures.ThreadPoolExecutor(3) as pool:
+        assert sorted(pool.map(act, names)) == [0, 41]
+        assert set.union(*pool.map(hammer, range(3))) == {0, 41}
+    assert [act(name, "cancel") for name in names] == [0, 0]
+    wait_until(lambda: device_processes() == [pid], 3, "the end of all transfers")
+    assert {enrolled.plugins()[name]["status"] for name in names} == {IDLE} and enrolled.pid() == pid
+    wait_until(lambda: len(os.listdir(tasks)) == threads, 5, "the end of all threads of theirs")
+    enrolled.kill_all()
+    offer_and_update(platform, enrolled, packages[0])
+    enrolled.wait_status(NAME, INSTALL_FAILED)
+
+
+def test_refusals(platform, enrolled):
     platform.cloud.offer(build(NAME, NEW), size=-1)  # no device has that much memory
     platform.cloud.offer(build("pluginmgr", "1.2.10"))
     enrolled.start()
@@ -179,15 +280,10 @@ def test_refusals_of_the_control_service(platform, enrolled):
         assert enrolled.action(pluginName=name, pluginAction="update")["code"] == code, name
     assert enrolled.action(pluginName=NAME, pluginAction="again") == {"result": "error", "code": 91}
     assert enrolled.action(pluginName=NAME) == {"result": "error", "code": 91}
-    assert not platform.requests("GET /packages/pluginmgr*")
-
-
-def test_offer_too_big_for_memory_is_reported(platform, enrolled):
     platform.cloud.offer(build(NAME, NEW), size=-1, force=True)
-    enrolled.start()
+    assert enrolled.get(80025)
     enrolled.wait_status(NAME, DOWNLOAD_FAILED)
-    assert platform.cloud.device.upgrades == [report("no memory")]
-    assert not platform.requests("GET /packages/*")
+    assert platform.cloud.device.upgrades == [report("no memory")] and not platform.requests("GET /packages/*")
 
 
 def test_stop_during_a_slow_report_holds(platform, enrolled):
@@ -198,14 +294,6 @@ def test_stop_during_a_slow_report_holds(platform, enrolled):
     assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
     wait_until(lambda: enrolled.plugins()[NAME]["pluginVersion"] == NEW, what="the new version")
     assert enrolled.plugins()[NAME]["status"] == IDLE
-
-
-def test_version_name_never_leaves_its_folder(platform, enrolled):
-    platform.cloud.offer(build(NAME, NEW), file_name="../../var/config/cloud/pluginmgr.ini", force=True)
-    before = read_text(INI)
-    enrolled.start()
-    enrolled.wait_status(NAME, CHECK_FAILED)
-    assert read_text(INI) == before and not platform.requests("GET /packages/*")
 
 
 def test_cloudae_upgrade_restarts_it_and_may_switch_the_cloud_on(platform, device):
@@ -243,10 +331,6 @@ def test_server_failure_skips_the_rest_of_the_pass(platform, enrolled):
     assert [one["status"] for one in enrolled.get(80025)] == [CHECK_FAILED] * 3
     assert [line.rpartition(" - ")[2] for line in enrolled.log_lines("update fail")] == [
         f"check {NAME} update fail, ret 15"]
-    platform.api.heal()
-    platform.cloud.offer(build(NAME, NEW))
-    assert enrolled.get(80025)
-    enrolled.wait_status(NAME, IDLE)
 
 
 @pytest.mark.parametrize("shift, checks", [(-8, False), (-20, True), (700, True)])

@@ -4,6 +4,7 @@
 #include <climits>
 #include <csignal>
 #include <string>
+#include <utility>
 
 #include "base/json.h"
 #include "base/shell.h"
@@ -28,22 +29,17 @@ TEST(Text, CutsAtTheFieldAndSaysSo) {
 }
 
 TEST(Text, NumbersEndAtTheFirstOtherCharacterAndStayInAnInt) {
-    const struct {
-        const char* text;
-        int value;
-    } rows[] = {
-        {"", 0},
-        {"abc", 0},
-        {"12abc", 12},
-        {" \t-7", -7},
-        {"+3", 3},
-        {"- 3", 0},
-        {"2147483647", INT_MAX},
-        {"99999999999999999999", INT_MAX},
-        {"-99999999999999999999", INT_MIN},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(to_int(row.text), row.value) << row.text;
+    const std::pair<const char*, int> rows[] = {{"", 0},
+                                                {"abc", 0},
+                                                {"12abc", 12},
+                                                {" \t-7", -7},
+                                                {"+3", 3},
+                                                {"- 3", 0},
+                                                {"2147483647", INT_MAX},
+                                                {"99999999999999999999", INT_MAX},
+                                                {"-99999999999999999999", INT_MIN}};
+    for (const auto& [text, value] : rows) {
+        EXPECT_EQ(to_int(text), value) << text;
     }
 }
 
@@ -52,14 +48,12 @@ TEST(Shell, WordsComeThroughTheShellAsTheyAre) {
     EXPECT_EQ(shell_word("http://dl.example:80/a_b-1.2,3%20+@=x"),
               "http://dl.example:80/a_b-1.2,3%20+@=x");
     EXPECT_EQ(shell_words("cloudae --ums"), "cloudae --ums");
-    const std::string hostile[] = {
-        "",      "a b",         "$(touch /tmp/x)",
-        "`id`",  "a;b",         "it's",
-        "''",    "a\nb",        "\\",
-        "*",     "~",           "#x",
-        "!",     "a&b|c>d<e",   "\"q\"",
-        "$HOME", "caf\xc3\xa9", "-n",
-    };
+    const std::string hostile[] = {"",      "a b",   "$(touch /tmp/x)",
+                                   "`id`",  "a;b",   "it's",
+                                   "''",    "a\nb",  "\\",
+                                   "*",     "~",     "#x",
+                                   "!",     "-n",    "a&b|c>d<e",
+                                   "\"q\"", "$HOME", "caf\xc3\xa9"};
     for (const std::string& value : hostile) {
         char out[64] = {};
         const std::string command = "printf '%s' " + shell_word(value);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,11 +26,11 @@ std::string hex(const uint8_t (&digest)[N]) {
     return text;
 }
 
+constexpr size_t WHOLE = SIZE_MAX / 2;
+
 // Digest of text, fed in pieces of at most `step` bytes.
-template <typename Context, size_t Size>
-std::string digest(const std::string& text, size_t step, void (*init)(Context*),
-                   void (*update)(Context*, const void*, size_t),
-                   void (*final)(Context*, uint8_t*)) {
+template <typename Context, size_t Size, auto init, auto update, auto final>
+std::string digest(const std::string& text, size_t step) {
     Context context;
     uint8_t out[Size] = {};
     init(&context);
@@ -39,87 +40,51 @@ std::string digest(const std::string& text, size_t step, void (*init)(Context*),
     final(&context, out);
     return hex(out);
 }
-
-std::string sha1(const std::string& text, size_t step = SIZE_MAX / 2) {
-    return digest<sha1_context, SHA1_DIGEST_SIZE>(text, step, sha1_init, sha1_update, sha1_final);
-}
-
-std::string md5(const std::string& text, size_t step = SIZE_MAX / 2) {
-    return digest<md5_context, MD5_DIGEST_SIZE>(text, step, md5_init, md5_update, md5_final);
-}
+constexpr auto sha1 = digest<sha1_context, SHA1_DIGEST_SIZE, sha1_init, sha1_update, sha1_final>;
+constexpr auto md5 = digest<md5_context, MD5_DIGEST_SIZE, md5_init, md5_update, md5_final>;
 
 TEST(Digest, PublishedVectors) {
-    const std::string alphabet = "abcdefghijklmnopqrstuvwxyz";
-    const std::string two_blocks = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
-    std::string decimal;
-    for (int i = 0; i < 8; i++) {
-        decimal += "1234567890";
-    }
-    EXPECT_EQ(sha1(""), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
-    EXPECT_EQ(sha1("abc"), "a9993e364706816aba3e25717850c26c9cd0d89d");
-    EXPECT_EQ(sha1(two_blocks), "84983e441c3bd26ebaae4aa1f95129e5e54670f1");
-    EXPECT_EQ(sha1(std::string(1000000, 'a')), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
-    EXPECT_EQ(md5(""), "d41d8cd98f00b204e9800998ecf8427e");
-    EXPECT_EQ(md5("a"), "0cc175b9c0f1b6a831c399e269772661");
-    EXPECT_EQ(md5("abc"), "900150983cd24fb0d6963f7d28e17f72");
-    EXPECT_EQ(md5("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
-    EXPECT_EQ(md5(alphabet), "c3fcd3d76192e4007dfb496cca67e13b");
-    EXPECT_EQ(md5(decimal), "57edf4a22be3c955ac49da2e2107b67a");
+    EXPECT_EQ(sha1("abc", WHOLE), "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(sha1(std::string(1000000, 'a'), WHOLE), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
+    EXPECT_EQ(md5("message digest", WHOLE), "f96b697d7cb7938d525a2f31aaf161d0");
 }
 
-// Digest of all digests of the texts "", "x", "xx", ... up to 200 bytes; computed elsewhere.
+// Digest of all digests of the texts "", "x", "xx", ... up to 200 bytes, however they are fed;
+// computed elsewhere.
 TEST(Digest, EveryLengthAndEveryPiece) {
-    std::string all_sha1;
-    std::string all_md5;
-    for (size_t length = 0; length <= 200; length++) {
-        const std::string text(length, 'x');
-        all_sha1 += sha1(text);
-        all_md5 += md5(text);
-        for (const size_t step : {1U, 7U, 63U, 64U, 65U}) {
-            ASSERT_EQ(sha1(text, step), sha1(text)) << length << " by " << step;
-            ASSERT_EQ(md5(text, step), md5(text)) << length << " by " << step;
+    for (const size_t step : {size_t{1}, size_t{7}, size_t{63}, size_t{64}, size_t{65}, WHOLE}) {
+        std::string all_sha1;
+        std::string all_md5;
+        for (size_t length = 0; length <= 200; length++) {
+            all_sha1 += sha1(std::string(length, 'x'), step);
+            all_md5 += md5(std::string(length, 'x'), step);
         }
+        EXPECT_EQ(sha1(all_sha1, WHOLE), "1f67da40a499e887e43c141418cc90ce5c8f9002") << step;
+        EXPECT_EQ(md5(all_md5, WHOLE), "1f0d9d949b2c16e511c7083a082d1828") << step;
     }
-    EXPECT_EQ(sha1(all_sha1), "1f67da40a499e887e43c141418cc90ce5c8f9002");
-    EXPECT_EQ(md5(all_md5), "1f0d9d949b2c16e511c7083a082d1828");
 }
 
 TEST(Hmac, PublishedVectors) {
-    std::string counting;
-    for (char c = 1; c <= 25; c++) {
-        counting += c;
-    }
-    const std::string long_key(80, '\xaa');
-    const std::string long_data =
-        "Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data";
     const struct {
-        std::string md5_key;
-        std::string sha1_key;
+        std::string key;
         std::string data;
         const char* md5;
         const char* sha1;
     } rows[] = {
-        {std::string(16, '\x0b'), std::string(20, '\x0b'), "Hi There",
-         "9294727a3638bb1c13f48ef8158bfc9d", "b617318655057264e28bc0b6fb378c8ef146be00"},
-        {"Jefe", "Jefe", "what do ya want for nothing?", "750c783e6ab0b503eaa86e310a5db738",
+        {"Jefe", "what do ya want for nothing?", "750c783e6ab0b503eaa86e310a5db738",
          "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
-        {std::string(16, '\xaa'), std::string(20, '\xaa'), std::string(50, '\xdd'),
-         "56be34521d144c88dbb8c733f0e8b3f6", "125d7342b9ac11cd91a39af48aa17b4f63f175d3"},
-        {counting, counting, std::string(50, '\xcd'), "697eaf0aca3a3aea3a75164746ffaa79",
-         "4c9007f4026250c6bc8414f9bf50c86c2d7235da"},
-        {std::string(16, '\x0c'), std::string(20, '\x0c'), "Test With Truncation",
-         "56461ef2342edc00f9bab995690efd4c", "4c1a03424b55e07fe7f27be1d58bb9324a9a5a04"},
-        {long_key, long_key, "Test Using Larger Than Block-Size Key - Hash Key First",
-         "6b1ab7fe4bd7bf8f0b62e6ce61b9d0cd", "aa4ae5e15272d00e95705637ce8a3b55ed402112"},
-        {long_key, long_key, long_data, "6f630fad67cda0ee1fb1f562db3aa53e",
-         "e8e99d0f45237d786d6bbaa7965c7808bbff1a91"},
+        {std::string(80, '\xaa'),
+         "Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data",
+         "6f630fad67cda0ee1fb1f562db3aa53e", "e8e99d0f45237d786d6bbaa7965c7808bbff1a91"},
+        // computed elsewhere: the longest key that is taken as it is
+        {std::string(64, 'k'), "", "114eeb1da42af605666663c84c40d185",
+         "b6b10bf17b16d7347adb5e4149102761dbb3bcbd"},
     };
     for (const auto& row : rows) {
         uint8_t by_md5[MD5_DIGEST_SIZE] = {};
         uint8_t by_sha1[SHA1_DIGEST_SIZE] = {};
-        hmac_md5(row.md5_key.data(), row.md5_key.size(), row.data.data(), row.data.size(), by_md5);
-        hmac_sha1(row.sha1_key.data(), row.sha1_key.size(), row.data.data(), row.data.size(),
-                  by_sha1);
+        hmac_md5(row.key.data(), row.key.size(), row.data.data(), row.data.size(), by_md5);
+        hmac_sha1(row.key.data(), row.key.size(), row.data.data(), row.data.size(), by_sha1);
         EXPECT_EQ(hex(by_md5), row.md5) << row.data;
         EXPECT_EQ(hex(by_sha1), row.sha1) << row.data;
     }
@@ -128,63 +93,36 @@ TEST(Hmac, PublishedVectors) {
 TEST(Md5File, ReadsBytesAndReportsWhatItCannot) {
     char path[] = "/tmp/codec_test.XXXXXX";
     const unique_fd file(mkstemp(path));
-    ASSERT_TRUE(file);
     std::string content;
-    uint8_t out[MD5_DIGEST_SIZE] = {};
-    for (const size_t size : {0U, 1023U, 1024U, 1025U, 16384U, 40000U}) {
-        while (content.size() < size) {
-            content += static_cast<char>(content.size() * 31);  // NUL, CR and LF among them
-        }
-        ASSERT_EQ(pwrite(file.get(), content.data(), size, 0), static_cast<ssize_t>(size));
-        EXPECT_EQ(md5_file(path, out), 0);
-        EXPECT_EQ(hex(out), md5(content)) << size;
+    while (content.size() < 40000) {
+        content += static_cast<char>(content.size() * 31);  // NUL, CR and LF among them
     }
+    ASSERT_EQ(write(file.get(), content.data(), content.size()), std::ssize(content));
+    uint8_t out[MD5_DIGEST_SIZE] = {};
+    EXPECT_EQ(md5_file(path, out), 0);
+    EXPECT_EQ(hex(out), md5(content, WHOLE));
     unlink(path);
     EXPECT_EQ(md5_file(path, out), -1);
     EXPECT_EQ(md5_file("/tmp", out), -1) << "a folder opens but does not read";
 }
 
-// Runs an encoder into `size` bytes and checks that the byte behind them is left alone.
+// What an encoder writes into so many bytes; the fuzz target of the encoders does it for all sizes.
 std::string bounded(void (*encode)(const void*, size_t, char*, size_t), const std::string& bytes,
                     size_t size) {
-    std::vector<char> out(size + 1, '#');
+    std::vector<char> out(size + 1);
     encode(bytes.data(), bytes.size(), out.data(), size);
-    EXPECT_EQ(out[size], '#');
-    out[size] = '\0';
     return out.data();
 }
 
-TEST(Encode, HexStopsWithTheRoom) {
+TEST(Encode, HexAndBase64StopWithTheRoom) {
     const std::string bytes("\x00\x0f\xa5\xff", 4);
-    EXPECT_EQ(bounded(hex_encode, bytes, 64), "000fa5ff");
     EXPECT_EQ(bounded(hex_encode, bytes, 9), "000fa5ff");
-    EXPECT_EQ(bounded(hex_encode, bytes, 8), "000fa5");
-    EXPECT_EQ(bounded(hex_encode, bytes, 2), "");
+    EXPECT_EQ(bounded(hex_encode, bytes, 8), "000fa5") << "whole bytes and a terminator only";
     EXPECT_EQ(bounded(hex_encode, bytes, 1), "");
-    EXPECT_EQ(bounded(hex_encode, bytes, 0), "");
-    EXPECT_EQ(bounded(hex_encode, std::string(20, 'a'), 41).size(), 40U);
-    EXPECT_EQ(bounded(hex_encode, std::string(20, 'a'), 40).size(), 38U);
-}
-
-TEST(Encode, Base64VectorsAndRoom) {
-    const char* const rows[][2] = {
-        {"", ""},
-        {"f", "Zg=="},
-        {"fo", "Zm8="},
-        {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="},
-        {"fooba", "Zm9vYmE="},
-        {"foobar", "Zm9vYmFy"},
-        {"\xfb\xff", "+/8="},
-    };
-    for (const auto& [bytes, text] : rows) {
-        EXPECT_EQ(bounded(base64_encode, bytes, 64), text);
-    }
     EXPECT_EQ(bounded(base64_encode, "foobar", 9), "Zm9vYmFy");
     EXPECT_EQ(bounded(base64_encode, "foobar", 8), "Zm9vYmFy") << "no room for a terminator";
-    EXPECT_EQ(bounded(base64_encode, "foobar", 6), "Zm9vYm");
-    EXPECT_EQ(bounded(base64_encode, "f", 3), "Zg=");
-    EXPECT_EQ(bounded(base64_encode, "f", 0), "");
+    EXPECT_EQ(bounded(base64_encode, "\xfb\xff", 64), "+/8=");
+    EXPECT_EQ(bounded(base64_encode, "f", 64), "Zg==");
 }
 
 TEST(Encode, UrlEscapes) {
@@ -211,8 +149,6 @@ TEST(DeviceCode, OnlyForTwelveCharacters) {
     for (const char* input : {"", "00112233445", "0011223344556"}) {
         EXPECT_EQ(derive_device_code(input, out), -1) << input;
     }
-    EXPECT_EQ(derive_device_code(nullptr, out), -1);
-    EXPECT_EQ(derive_device_code("001122334455", nullptr), -1);
     ASSERT_EQ(derive_device_code("001122334455", out), 0);
     if (std::string_view(PLUGINMGR_DEVICE_CODE_KEY PLUGINMGR_DEVICE_CODE_SALT) ==
         "6kfzwcfpkwc9552b592f6f1edf45aea11a74be99317e2ea297") {

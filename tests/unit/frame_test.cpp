@@ -53,16 +53,11 @@ TEST(PidFile, OneHolderAStalePidIsReplaced) {
     EXPECT_EQ(lock_pid_file("/nonexistent/pid"), PID_NOT_OPENED);
 }
 
-TEST(Signals, EndTheDaemonAndAreCountedInAChild) {
+TEST(Signals, AreCountedInAChildAndFiveAreLogged) {
+    testing::internal::CaptureStdout();
     EXPECT_EQ(in_child([] {
-                  mainPid = getpid();
-                  on_signal(SIGTERM);
-                  return 1;
-              }),
-              0);
-    EXPECT_EQ(in_child([] {
-                  mainPid = getppid();
-                  log_set_output(LOG_TO_NONE);
+                  log_init();
+                  mainPid = 1;
                   on_signal(SIGHUP);
                   for (int i = 0; i < 7; i++) {
                       on_signal(SIGTERM);
@@ -71,18 +66,6 @@ TEST(Signals, EndTheDaemonAndAreCountedInAChild) {
               }),
               107)
         << "SIGHUP is not among the handled ones";
-}
-
-TEST(Signals, FiveOfAChildAreLogged) {
-    testing::internal::CaptureStdout();
-    in_child([] {
-        log_init();
-        mainPid = 1;
-        for (int i = 0; i < 7; i++) {
-            on_signal(SIGTERM);
-        }
-        return 0;
-    });
     const std::string text = testing::internal::GetCapturedStdout();
     EXPECT_EQ(std::ranges::count(text, '\n'), 10);
     EXPECT_NE(text.find("] SYSTEM:(247) -  get a signal - 15. exit!!!\n"), std::string::npos);

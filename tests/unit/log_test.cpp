@@ -52,9 +52,6 @@ class Log : public testing::Test {
     std::string path(int file, const std::string& suffix = "") {
         return std::string(folder_) + "/" + std::to_string(file) + suffix;
     }
-    void put(int file, const std::string& suffix, const std::string& text) {
-        std::ofstream(path(file, suffix)) << text;
-    }
     std::string lines(int file, const std::string& suffix = "") {
         std::ifstream stream(path(file, suffix));
         return unstamped({std::istreambuf_iterator<char>(stream), {}});
@@ -75,9 +72,9 @@ TEST_F(Log, LineFormat) {
     log_from_signal(247, " g");
     log_trace("t", 5, "h\n");
     log_enter("in");
-    log_exit("out", 256);
-    log_exit("out", 257);
-    log_exit("out", -1);
+    for (const int code : {256, 257, -1}) {
+        log_exit("out", code);
+    }
     log_err("x/bad", 44, "went %s", "wrong");
     EXPECT_EQ(log_event("event %d", 2), 0);
     log_set_level(LOG_FUNCTION, 0);
@@ -88,8 +85,7 @@ TEST_F(Log, LineFormat) {
         "@ SYSTEM: main(12) - a 1\n@ file.c(7) - b\n@ CALL: f() - c\n@ API:(24) - d\n@e\n"
         "@ SERVICE:() - f\n@ SYSTEM:(247) -  g\n@ t(5) - h\n\n@ in() - enter\n@ out() - exit(256)\n"
         "@ out() - exit(0x101)\n@ out() - exit(-1)\n@ bad(44) - ERROR:went wrong\n");
-    EXPECT_EQ(lines(ERROR_LOG), "@ bad(44) - went wrong\n");
-    EXPECT_EQ(lines(MESSAGE_LOG), "@event 2\n");
+    EXPECT_EQ(lines(ERROR_LOG) + lines(MESSAGE_LOG), "@ bad(44) - went wrong\n@event 2\n");
 }
 
 TEST_F(Log, FiltersByComponentAndLevel) {
@@ -122,8 +118,7 @@ TEST_F(Log, OutputModes) {
               "     component[SYSTEM    ] - level = 3\n     component[FUNCTION  ] - level = 3\n"
               "     component[CALL      ] - level = 3\n     component[API      ] - level = 3\n"
               "     component[SERVICE       ] - level = 3\n");
-    EXPECT_EQ(lines(ERROR_LOG), "@ f(3) - forced\n");
-    EXPECT_FALSE(std::filesystem::exists(path(DEBUG_LOG, "")));
+    EXPECT_EQ(lines(ERROR_LOG) + lines(DEBUG_LOG), "@ f(3) - forced\n");
 }
 
 TEST_F(Log, LongTextsAreCutOrRefused) {
@@ -144,42 +139,40 @@ TEST_F(Log, LongTextsAreCutOrRefused) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "ERROR: log filename is too long");
 }
 
+std::string minute(time_t of) {
+    char stamp[32] = {};
+    tm parts = {};
+    strftime(stamp, sizeof stamp, "[%m/%d %H:%M:", gmtime_r(&of, &parts));
+    return stamp;
+}
+
 TEST_F(Log, LocalTimeInBothKindsOfLine) {
-    const auto second = [] {
-        char stamp[32] = {};
-        timespec east = {};
-        clock_gettime(CLOCK_REALTIME, &east);  // time() is some milliseconds behind
-        east.tv_sec += 34200;
-        tm parts = {};
-        strftime(stamp, sizeof stamp, "[%m/%d %H:%M:%S.", gmtime_r(&east.tv_sec, &parts));
-        return std::string(stamp);
-    };
     setenv("TZ", "TST-9:30", 1);
     log_init();
-    std::string now;
-    std::string text;
-    do {
-        now = second();
-        testing::internal::CaptureStdout();
-        log_plain(LOG_SYSTEM, 0, "line");
-        log_from_signal(0, "line");
-        text = testing::internal::GetCapturedStdout();
-    } while (second() != now);
+    testing::internal::CaptureStdout();
+    log_plain(LOG_SYSTEM, 0, "line");
+    log_from_signal(0, "line");
+    const std::string text = testing::internal::GetCapturedStdout();
     unsetenv("TZ");
-    EXPECT_EQ(text.substr(0, now.size()), now);
-    EXPECT_EQ(text.substr(text.size() / 2, now.size()), now) << "the handler's";
+    const time_t east = time(nullptr) + 34200;
+    const std::string ago[] = {minute(east), minute(east - 5)};
+    for (const std::string& seen :
+         {text.substr(0, ago->size()),
+          text.substr(text.size() / 2, ago->size()) /* the handler's */}) {
+        EXPECT_TRUE(seen == ago[0] || seen == ago[1]) << seen;
+    }
 }
 
 TEST_F(Log, PreviousRunIsSetAside) {
     for (int file = 0; file < LOG_FILES; file++) {
-        put(file, "", "old");
-        put(file, ".bak", "older");
+        std::ofstream(path(file)) << "old";
+        std::ofstream(path(file, ".bak")) << "older";
     }
     log_set_output(LOG_TO_FILE);
     EXPECT_EQ(lines(DEBUG_LOG, ".bak") + lines(ERROR_LOG, ".bak"), "oldold");
     EXPECT_EQ(lines(MESSAGE_LOG, ".bak") + lines(MESSAGE_LOG, ".1"), "olderold");
-    EXPECT_EQ(lines(DEBUG_LOG) + lines(ERROR_LOG) + lines(MESSAGE_LOG), "");
-    EXPECT_FALSE(std::filesystem::exists(path(DEBUG_LOG, ".1")));
+    EXPECT_EQ(lines(DEBUG_LOG) + lines(ERROR_LOG) + lines(MESSAGE_LOG) + lines(DEBUG_LOG, ".1"),
+              "");
     log_set_output(LOG_TO_NONE);
     EXPECT_EQ(log_records[MESSAGE_LOG].fp, nullptr);
     EXPECT_EQ(log_records[DEBUG_LOG].descriptor, -1);
@@ -202,7 +195,7 @@ TEST_F(Log, RotatesAtTheLimitAndShiftsCopies) {
     EXPECT_EQ(lines(DEBUG_LOG), "log miss events: 3\n");
     EXPECT_EQ(lines(DEBUG_LOG, ".1")[0], 'c');
     EXPECT_EQ(lines(DEBUG_LOG, ".2")[0], 'b');
-    EXPECT_FALSE(std::filesystem::exists(path(DEBUG_LOG, ".3")));
+    EXPECT_EQ(lines(DEBUG_LOG, ".3"), "");
 }
 
 TEST_F(Log, FailedRenameIsReportedOnceAndLoggingGoesOn) {
@@ -267,21 +260,6 @@ TEST_F(Log, ThreadsAndTheirEndsLeaveWholeLinesAndNoMarks) {
     }
 }
 
-TEST_F(Log, MysprintfAppendsOrComplains) {
-    log_set_output(LOG_TO_FILE);
-    char buffer[12] = "..........#";
-    size_t left = 10;
-    char* cursor = mysprintf(buffer, &left, "%s", "12345678901234567890");
-    EXPECT_TRUE(cursor == buffer && left == 10U);
-    EXPECT_STREQ(buffer, "..........#");
-    EXPECT_EQ(lines(ERROR_LOG),
-              "@ mysprintf(75) - len=20, buf_size=10, str=12345678901234567890\n");
-    cursor = mysprintf(cursor, &left, "%d%s", 12, "34");
-    cursor = mysprintf(cursor, &left, "567890");
-    EXPECT_TRUE(cursor == buffer + 10 && left == 0U);
-    EXPECT_STREQ(buffer, "1234567890#") << "fills its room and not a byte more";
-}
-
 TEST_F(Log, TailForTheWebInterface) {
     const auto breaks = [](size_t count) { return std::string(count, '\n'); };
     const std::string copy_end =
@@ -290,7 +268,7 @@ TEST_F(Log, TailForTheWebInterface) {
     const std::tuple<std::string, std::string, size_t, int, std::string> rows[] = {
         {"", "", 64, 0, "-- empty --\n"},
         {"copy\n", "new 1\nnew 2", 256, 3, "copy\n" + copy_end + "new 1\nnew 2\n"},
-        {"copy\n", "new 1\nnew 2", 10, 1, "copy\n"},
+        {"copy\n", "new 1\nnew 2", 6, 1, "copy\n"},
         {"", std::string(256, 'x'), 512, 2, std::string(255, 'x') + "\nx\n"},
         {breaks(99), breaks(6490), 16384, 5010, breaks(10) + copy_end + breaks(5000)},
         {breaks(99), breaks(6500), 16384, 5000, breaks(5000)},
@@ -299,12 +277,12 @@ TEST_F(Log, TailForTheWebInterface) {
     EXPECT_EQ(read_log_tail(text, sizeof text, 2), -2) << "no file";
     log_set_output(LOG_TO_NONE);
     for (const auto& [copy, log, room, count, answer] : rows) {
-        put(ERROR_LOG, ".1", copy);
-        put(ERROR_LOG, "", log);
+        std::ofstream(path(ERROR_LOG, ".1")) << copy;
+        std::ofstream(path(ERROR_LOG)) << log;
         EXPECT_EQ(read_log_tail(text, room, 2), count);
         EXPECT_EQ(text, answer);
     }
-    put(MESSAGE_LOG, "", "event\n");
+    std::ofstream(path(MESSAGE_LOG)) << "event\n";
     EXPECT_EQ(read_log_tail(text, sizeof text, 1), 1);
     EXPECT_STREQ(text, "event\n");
 }
@@ -314,8 +292,9 @@ TEST_F(Log, TailOfAnOpenLogAndClearing) {
     log_set_output(LOG_TO_FILE);
     log_err("f", 1, "before");
     EXPECT_EQ(read_log_tail(text, 4, 2), 0);
-    EXPECT_EQ(std::ranges::count(lines(ERROR_LOG), '\n'), 1 + 2 * 2)
-        << "complaints about two texts";
+    EXPECT_EQ(lines(ERROR_LOG),
+              "@ f(1) - before\n@ mysprintf(75) - len=38, buf_size=3, str=@ f(1) - before\n\n"
+              "@ mysprintf(75) - len=12, buf_size=3, str=-- empty --\n\n");
     EXPECT_EQ(read_log_tail(text, sizeof text, 12), 0);
     EXPECT_STREQ(text, " -- cleared -- \n");
     log_err("f", 1, "after");

@@ -58,21 +58,19 @@ TEST_F(settings_files, without_a_file_the_defaults_hold) {
     EXPECT_EQ(config.checkcycle, 43200);
 }
 
-struct number_row {
-    const char* text;
-    int loglevel;
-    int checkcycle;
-};
-
 TEST_F(settings_files, numbers) {
-    const number_row rows[] = {
+    const struct {
+        const char* text;
+        int loglevel;
+        int checkcycle;
+    } rows[] = {
         {"[Config]\nloglevel=abc\n[Update]\ncheckcycle=10\n", 0, 600},
         {"[Config]\nloglevel=\n[Update]\ncheckcycle=\n", 1, 43200},
         {"[Config]\nloglevel=5x\n[Update]\ncheckcycle=601\n", 5, 601},
         {"[Config]\ncheckcycle=700\nloglevel=-1\n", -1, 43200},
         {"[Update]\ncheckcycle=99999999999\n", 1, 2147483647},
     };
-    for (const number_row& row : rows) {
+    for (const auto& row : rows) {
         const settings config = load(row.text);
         EXPECT_EQ(config.loglevel, row.loglevel) << row.text;
         EXPECT_EQ(config.checkcycle, row.checkcycle) << row.text;

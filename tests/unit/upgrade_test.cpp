@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <set>
 #include <string>
 
 #include "base/handles.h"
@@ -11,8 +15,8 @@
 #include "config/settings.h"
 #include "upgrade/app_info.h"
 #include "upgrade/check_cycle.h"
-#include "upgrade/download.h"
 #include "upgrade/install.h"
+#include "upgrade/package_file.h"
 #include "upgrade/request.h"
 #include "upgrade/version_list.h"
 
@@ -48,43 +52,17 @@ TEST(version_number, components_are_numbers_and_spill_over) {
     const struct {
         const char* version;
         long number;
-    } rows[] = {
-        {"1.2.3", 0x10203},
-        {"1.0.25", 0x10019},
-        {"1.0.3", 0x10003},
-        {"1.0.25-beta", 0},
-        {"", 0},
-        {nullptr, 0},
-        {"2", 0x20000},
-        {"2.", 0x20000},
-        {".1", 0x100},
-        {"1..3", 0x10003},
-        {"0.0.256", 0x100},
-        {"1.2.3.x", 0x10203},
-        {"1.2.3.99", 0x10203},
-        {"v1.2", 0},
-        {"1 .2", 0},
-        {"0.0.99999999999999999999", 0x7fffffff},
-    };
+    } rows[] = {{"1.2.3", 0x10203}, {"1.0.25-beta", 0},   {"", 0},
+                {nullptr, 0},       {".1", 0x100},        {"1..3", 0x10003},
+                {"0.0.256", 0x100}, {"1.2.3.x", 0x10203}, {"0.0.99999999999999999999", 0x7fffffff}};
+    app_info installed;
+    installed.version = heap_text("1.2.3");
     for (const auto& row : rows) {
-        EXPECT_EQ(parse_version_number(row.version), row.number)
-            << (row.version == nullptr ? "null" : row.version);
+        app_info offered;
+        offered.version = heap_text(row.version);
+        EXPECT_EQ(parse_version_number(row.version), row.number) << text(offered.version);
+        EXPECT_EQ(is_not_newer(&installed, &offered), row.number <= 0x10203) << "strictly";
     }
-}
-
-TEST(version_number, newer_means_strictly_greater) {
-    app_info entry;
-    app_info remote;
-    entry.version = heap_text("1.0.25");
-    EXPECT_TRUE(is_not_newer(&entry, &remote));
-    for (const char* offered : {"1.0.25", "1.0.3", "1.0.26-beta"}) {
-        remote.version = heap_text(offered);
-        EXPECT_TRUE(is_not_newer(&entry, &remote)) << offered;
-    }
-    remote.version = heap_text("1.0.26");
-    EXPECT_FALSE(is_not_newer(&entry, &remote));
-    EXPECT_TRUE(is_not_newer(&entry, nullptr));
-    EXPECT_TRUE(is_not_newer(nullptr, &remote));
 }
 
 TEST(app_record, reads_every_value_as_text) {
@@ -139,40 +117,64 @@ TEST(upgrade_request, line_ends_and_headers) {
                  "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n"
                  "Accept: */*\nAccept-Language: zh-cn\nAccept-Encoding: gzip, deflate\n"
                  "Connection: keep-alive\n\r\n\r\n");
-    EXPECT_EQ(build_upgrade_request(request, sizeof request, "POST", "/p", "h", ""), 0);
-    EXPECT_STREQ(request,
-                 "POST /p HTTP/1.1\nHost: h\n"
-                 "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n"
-                 "Content-Type:application/x-www-form-urlencoded\n"
-                 "Connection: keep-alive\n\r\n\r\n");
     EXPECT_EQ(build_upgrade_request(request, 200, "GET", "/p", "h", "KEY"), FAILED);
 }
 
 TEST(package, name_never_leaves_its_folder) {
     char path[PACKAGE_PATH_SIZE] = {};
-    const std::string folder_name = "/tmp/dl_cloud/";
-    const std::string longest(PACKAGE_PATH_SIZE - 1 - folder_name.size(), 'x');
-    for (const std::string& good : {std::string("a.tgz"), std::string("..a"), std::string("-O x"),
-                                    std::string("..."), longest}) {
+    const std::string longest(PACKAGE_PATH_SIZE - 1 - std::string(DOWNLOAD_FOLDER).size(), 'x');
+    for (const std::string& good : {std::string("..a"), std::string("-O x"), longest}) {
         EXPECT_TRUE(package_path(good.c_str(), &path)) << good;
-        EXPECT_EQ(path, folder_name + good);
+        EXPECT_EQ(path, DOWNLOAD_FOLDER + good);
     }
     for (const std::string& bad : {std::string(""), std::string("."), std::string(".."),
                                    std::string("a/b"), std::string("/a"), longest + "x"}) {
         EXPECT_FALSE(package_path(bad.c_str(), &path)) << bad;
         EXPECT_STREQ(path, "");
     }
-    EXPECT_FALSE(package_path(nullptr, &path));
 }
 
-TEST_F(upgrade_list, nameless_entries_are_passed_over) {
-    append_app(std::make_unique<app_info>());
-    const app_info* first = add("a", "1");
-    add("", "1");
-    const app_info* second = add("b", "1");
-    EXPECT_EQ(first_app(), first);
-    EXPECT_EQ(next_app(first), second);
-    EXPECT_EQ(next_app(second), nullptr);
+TEST(package, and_folder_are_taken_only_when_nobody_else_can_change_them) {
+    char folder[] = "/tmp/package_test_XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string file = std::string(folder) + "/file";
+    const std::string link = std::string(folder) + "/link";
+    const struct {
+        mode_t mode;
+        int flags;  // with which it is still open
+        bool by_link, good;
+    } rows[] = {{0644, O_RDONLY, false, true},
+                {0664, O_RDONLY, false, false},
+                {0602, O_RDONLY, false, false},
+                {0644, O_WRONLY, false, false},
+                {0644, O_RDONLY, true, false}};
+    for (const auto& row : rows) {
+        const unique_fd other(open(file.c_str(), O_CREAT | O_CLOEXEC | row.flags, 0600));
+        ASSERT_EQ(fchmod(other.get(), row.mode), 0);
+        ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+        const std::string& path = row.by_link ? link : file;
+        EXPECT_EQ(static_cast<bool>(take_package(path.c_str())), row.good) << &row - rows;
+        EXPECT_NE(access(path.c_str(), F_OK), 0) << "its name is gone";
+        (void)unlink(link.c_str());
+        (void)unlink(file.c_str());
+    }
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    EXPECT_FALSE(take_package(file.c_str())) << "and no waiting for a writer";
+    EXPECT_FALSE(take_package(file.c_str())) << "missing";
+    ASSERT_EQ(chmod(folder, 0777), 0);
+    ASSERT_EQ(symlink(folder, link.c_str()), 0);
+    EXPECT_TRUE(own_folder((link + "/").c_str())) << "by a link of our own";
+    struct stat info = {};
+    EXPECT_EQ(stat(folder, &info), 0);
+    EXPECT_EQ(info.st_mode & 07777U, 0755U);
+    EXPECT_FALSE(own_folder("/dev/null"));
+    EXPECT_FALSE(own_folder((link + "/a/b").c_str()));
+    if (geteuid() == 0) {
+        ASSERT_EQ(lchown(link.c_str(), 1, 1), 0);
+        EXPECT_FALSE(own_folder(link.c_str())) << "by somebody else's";
+    }
+    (void)unlink(link.c_str());
+    (void)rmdir(folder);
 }
 
 TEST_F(upgrade_list, start_needs_memory_and_nothing_else_pending) {
@@ -189,47 +191,34 @@ TEST_F(upgrade_list, start_needs_memory_and_nothing_else_pending) {
     EXPECT_EQ(startPluginAppUpdate("same"), 0);
 }
 
-TEST_F(upgrade_list, a_pass_without_a_server) {
+TEST_F(upgrade_list, what_a_pass_does_with_each_status) {
     set_text(pluginmgr_config.api_server, "");
     upgrade_busy = 1;  // so that nothing is installed
-    const struct {
-        int before;
-        int after;
-        bool asked;  // and so without an offer afterwards
-    } rows[] = {
-        {APP_IDLE, APP_CHECK_FAILED, true},         {1, 1, false},
-        {APP_DOWNLOADING, APP_DOWNLOADING, false},  {APP_DOWNLOADED, APP_DOWNLOADED, false},
-        {APP_INSTALLING, APP_INSTALLING, false},    {APP_UP_TO_DATE, APP_CHECK_FAILED, true},
-        {APP_CHECK_FAILED, APP_CHECK_FAILED, true}, {14, 14, false},
-    };
-    for (const auto& row : rows) {
-        add("x", "1.0", "1.1")->status = row.before;
+    const std::set<int> requested_in = {1, 2, 3, 4, 5, 6, 7, 11, 12, 13, 14};
+    const std::set<int> left_alone = {1, APP_DOWNLOADING, APP_DOWNLOADED, APP_INSTALLING, 14};
+    for (int status = 0; status <= 14; status++) {
+        if (status == APP_INSTALLED) {
+            continue;  // starts a program
+        }
+        append_app(std::make_unique<app_info>());  // without a name: passed over
+        app_info* entry = add("x", "1.0", "1.1");
+        entry->status = entry->size = status;
+        entry->remote->upgrade_requested = static_cast<int>(requested_in.count(status));
     }
-    std::atomic<int> flag = 1;
+    std::atomic<int> flag = 0;
+    checkAllAppVersion(&flag);
+    for (const app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
+        EXPECT_EQ(entry->status, entry->size);
+        EXPECT_EQ(entry->remote->upgrade_requested == 1, left_alone.count(entry->size) == 1)
+            << entry->size;
+    }
+    flag = 1;  // asks, and has nobody to ask
     checkAllAppVersion(&flag);
     EXPECT_EQ(flag, 0);
-    const app_info* entry = first_app();
-    for (const auto& row : rows) {
-        EXPECT_EQ(entry->status, row.after) << row.before;
-        EXPECT_EQ(entry->remote == nullptr, row.asked) << row.before;
-        entry = next_app(entry);
-    }
-}
-
-TEST_F(upgrade_list, a_failed_upgrade_is_asked_for_but_not_repeated) {
-    set_text(pluginmgr_config.api_server, "");
-    for (const int status : {APP_DOWNLOAD_FAILED, APP_INSTALL_FAILED, APP_RESTARTED,
-                             APP_INSTALL_PARTIAL, APP_NO_SIGNATURE, APP_BAD_SIGNATURE}) {
-        app_info* entry = add("x", "1.0", "1.1");
-        entry->status = status;
-        entry->remote->upgrade_requested = 1;
-        std::atomic<int> flag = 0;
-        checkAllAppVersion(&flag);
-        EXPECT_EQ(entry->status, status);
-        EXPECT_EQ(entry->remote->upgrade_requested, 0) << status;
-        flag = 1;
-        checkAllAppVersion(&flag);
-        EXPECT_EQ(entry->status, APP_CHECK_FAILED) << status;
+    for (const app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
+        const bool left = left_alone.count(entry->size) == 1;
+        EXPECT_EQ(entry->status, left ? entry->size : APP_CHECK_FAILED) << entry->size;
+        EXPECT_EQ(entry->remote != nullptr, left) << entry->size;
     }
 }
 

@@ -48,7 +48,8 @@ The agent's socket:
   cloud-address          API server and device key of an activated device
 
 Parameters:
-  get ID                 read a parameter, for example: pluginctl get 80000
+  get ID                 read the value of a parameter: pluginctl get 80000
+                         (with --json the whole answer that it comes in)
   set ID=VALUE...        change parameters, all in one request, for example:
                          pluginctl set 80014=ums.example.net
                          pluginctl set '80037=sip.example.net|10.0.0.5'

@@ -17,36 +17,27 @@
 
 namespace {
 
-void print_member(const char* key, json_object* value) {
-    const bool is_id = has_prefix(key, "id");
-    const parameter* about = is_id ? find_parameter(to_int(key + 2)) : nullptr;
+void print_text(const char* before, json_object* value) {
     const char* text = value == nullptr ? nullptr : json_object_get_string(value);
-    const std::string shown = is_empty(text) ? "-" : printable(text);
-    if (about != nullptr) {
-        printf("%s  %-12s  %s\n", key, shown.c_str(), about->meaning);
-    } else {
-        printf("%s  %s\n", printable(key).c_str(), shown.c_str());
-    }
+    printf("%s%s\n", before, is_empty(text) ? "" : printable(text).c_str());
 }
 
-// The values of a reply, all of them or the one that was asked for.
-void print_values(json_object* reply, int id) {
+// The bare value that was asked for; of a reply that has none of that name, what it says.
+void print_value(json_object* reply, int id) {
     char wanted[16] = {};
     (void)format_text(wanted, "id%d", id);  // always fits
-    json_object* one = json_member(reply, wanted);
-    if (one != nullptr) {
-        const char* text = json_object_get_string(one);
-        printf("%s\n", is_empty(text) ? "" : printable(text).c_str());
+    if (json_object* one = json_member(reply, wanted)) {
+        print_text("", one);
         return;
     }
     json_object_object_foreach(reply, key, value) {
         if (std::string_view(key) != "result" && std::string_view(key) != "code") {
-            print_member(key, value);
+            print_text((printable(key) + "  ").c_str(), value);
         }
     }
 }
 
-int show_values(const command_context& context, const std::string& reply, int id, bool only_it) {
+int show_values(const command_context& context, const std::string& reply, int id) {
     const auto list = read_plugins(reply);
     const json_ptr value = parse_json(reply.c_str());
     if (context.json) {
@@ -54,7 +45,7 @@ int show_values(const command_context& context, const std::string& reply, int id
     } else if (list) {
         print_plugins(*list);
     } else if (json_object_is_type(value.get(), json_type_object)) {
-        print_values(value.get(), only_it ? id : 0);
+        print_value(value.get(), id);
     } else {
         return unreadable(reply);
     }
@@ -185,7 +176,7 @@ int run_get(const command_context& context, arguments words) {
     if (replies.empty()) {
         return nobody(end);
     }
-    return show_values(context, replies[0], id, asked != id);
+    return show_values(context, replies[0], id);
 }
 
 int run_set(const command_context& context, arguments words) {

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+// Where packages lie and unpack, and what makes sure that nobody but the daemon writes there: the
+// bytes that were verified are the bytes that are installed. No state; download and install
+// threads.
+#pragma once
+
+#include <cstddef>
+
+#include "base/handles.h"
+
+constexpr const char* DOWNLOAD_FOLDER = "/tmp/dl_cloud/";
+constexpr const char* UNPACK_FOLDER = "/tmp/up_cloud";
+constexpr size_t PACKAGE_PATH_SIZE = 512;
+
+// Writes the path of a package into out (PACKAGE_PATH_SIZE bytes). version_name must be a plain
+// file name: false for an empty one, one with a '/', "." and "..", or one too long.
+[[nodiscard]] bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]);
+
+// Makes path a folder in which nobody else can write. False, logged, for one of somebody else's.
+// That nobody replaces it later is up to the sticky bit of the folder around it.
+[[nodiscard]] bool own_folder(const char* path);
+
+// Opens a package and takes its name away, so that no download of the same name can write into it.
+// None, logged, when it is no plain file, is not ours alone to write, or still open for writing.
+[[nodiscard]] unique_fd take_package(const char* path);

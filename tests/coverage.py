@@ -1,0 +1,118 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Which lines of src/ the unit tests, the system tests and the crash points reach.
+
+    python3 tests/coverage.py [--report]
+
+Runs all of them on the coverage build and prints a table by folder. build/coverage/missed.txt has
+every line that was not reached, those that hand on or log a failure first; html/ beside it shows
+the sources. --report only prints again what the last run counted.
+"""
+
+import collections
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build" / "coverage"
+RAW = BUILD / "raw"
+MERGED = RAW / "all.profdata"
+MISSED = BUILD / "missed.txt"
+PYTHON = "/usr/bin/python3"
+SYSTEM, TORTURE = ROOT / "build" / "test", ROOT / "build" / "torture"  # where these leave theirs
+FAILURE = re.compile(r"return (?!0;|true|nullptr;|;)|goto |log_err|log_msg")
+
+
+def unit_tests():
+    environment = os.environ | {"LLVM_PROFILE_FILE": str(RAW / "unit-%m%c.profraw")}
+    return subprocess.run([str(BUILD / "unit_tests"), "--gtest_brief=1"], env=environment,
+                          check=False).returncode
+
+
+def system_tests():
+    return subprocess.run([PYTHON, str(ROOT / "tests" / "run.py"), "--build", "coverage"],
+                          check=False).returncode
+
+
+def crash_points():
+    shutil.rmtree(TORTURE, ignore_errors=True)
+    return subprocess.run([PYTHON, "-m", "lab.torture.run", "--build", str(BUILD), "crash"], cwd=ROOT,
+                          check=False).returncode
+
+
+def run_all():
+    """How many of the three kinds of runs failed; a failed one has counted its lines all the same."""
+    shutil.rmtree(RAW, ignore_errors=True)
+    RAW.mkdir()
+    failed = [unit_tests(), system_tests(), crash_points()]
+    counters = [path for folder in (RAW, SYSTEM, TORTURE) for path in folder.rglob("*.profraw")]
+    subprocess.run(["llvm-profdata-14", "merge", "-sparse", "-o", MERGED, *counters], check=True)
+    return sum(map(bool, failed))
+
+
+def llvm_cov(verb, *options):
+    command = ["llvm-cov-14", verb, str(BUILD / "pluginmgr"), f"--instr-profile={MERGED}",
+               *options, str(ROOT / "src")]
+    return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
+
+
+def lines_of(text):
+    """{file: {line: count}} and {file: {lines with a branch that was never taken}} of an export in
+    the format of lcov."""
+    lines, branches, name = {}, {}, None
+    for record in text.splitlines():
+        kind, _, value = record.partition(":")
+        if kind == "SF":
+            name = os.path.relpath(value, ROOT / "src")
+            lines[name], branches[name] = {}, set()
+        elif kind == "DA":
+            line, count = map(int, value.split(",")[:2])
+            lines[name][line] = count
+        elif kind == "BRDA" and value.split(",")[3] in ("-", "0"):
+            branches[name].add(int(value.split(",")[0]))
+    return lines, branches
+
+
+def write_missed(lines, branches):
+    """missed.txt: failures not reached, then returns that choose and never chose one side, then
+    the other lines."""
+    failures, choices, others = [], [], []
+    for name, counts in sorted(lines.items()):
+        text = (ROOT / "src" / name).read_text().splitlines()
+        for line, count in sorted(counts.items()):
+            entry = f"src/{name}:{line}: {text[line - 1].strip()}"
+            if count == 0:
+                (failures if FAILURE.search(entry) else others).append(entry)
+            elif line in branches[name] and "return " in entry:
+                choices.append(entry)
+    MISSED.write_text("\n".join(["# failures not reached", *failures, "", "# one side only", *choices,
+                                 "", "# other lines not reached", *others, ""]))
+
+
+def report():
+    lines, branches = lines_of(llvm_cov("export", "--format=lcov"))
+    llvm_cov("show", "--format=html", f"--output-dir={BUILD / 'html'}")
+    write_missed(lines, branches)
+    folders = collections.defaultdict(lambda: [0, 0])
+    for name, counts in lines.items():
+        for folder in (name.split("/")[0], "src"):
+            folders[folder][0] += len(counts)
+            folders[folder][1] += sum(count > 0 for count in counts.values())
+    print("| folder  | lines | reached |      % |\n|---------|------:|--------:|-------:|")
+    for folder in sorted(folders, key=lambda name: (name == "src", name)):
+        total, reached = folders[folder]
+        print(f"| {folder:7} | {total:5} | {reached:7} | {100 * reached / total:6.1f} |")
+    print(f"not reached: {MISSED.relative_to(ROOT)}, {(BUILD / 'html').relative_to(ROOT)}/")
+
+
+def main(arguments):
+    failed = 0 if "--report" in arguments else run_all()
+    report()
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

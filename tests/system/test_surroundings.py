@@ -1,0 +1,152 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A device that fails its daemon: full disks, an /etc/hosts that cannot be written, a clock that is set."""
+import contextlib
+import os
+import re
+import subprocess
+
+import pytest
+
+from lab.device import DEBUG_LOG, ENROLLED, HOSTS, INI, VERSION_LIST, read_text, wait_until, write_text
+from lab.package import build
+from lab.torture.crash import whole_lines
+
+SET = "method=gw.config.set&"
+PUSHED = "/var/tmp/cloud_upgrade.ini"
+LOG_LIMIT = 512 * 1024
+SILENCE = 360  # seconds of patience with an agent
+DAY = 86400
+
+
+def run(*command):
+    subprocess.run(command, check=True)
+
+
+@contextlib.contextmanager
+def small_disk(folder, size):
+    """A disk of a few pages in place of a folder, with what is in it. What is yielded fills it and,
+    called again, empties it."""
+    disk, filler = "/run/lab/disk", folder + "/filler"
+    os.makedirs(disk, exist_ok=True)
+
+    def fill_or_empty():
+        if os.path.exists(filler):
+            return os.unlink(filler)
+        with open(filler, "wb", buffering=0) as file, contextlib.suppress(OSError):
+            while file.write(b"f" * 4096):
+                pass
+    run("/bin/mount", "-t", "tmpfs", "-o", f"size={size}", "none", disk)
+    run("/bin/cp", "-a", folder + "/.", disk)
+    run("/bin/mount", "--bind", disk, folder)
+    try:
+        yield fill_or_empty
+    finally:
+        run("/bin/umount", "-l", folder)
+        run("/bin/umount", "-l", disk)
+
+
+@contextlib.contextmanager
+def read_only_hosts(*_):
+    """As some containers have it: neither to be written nor to be replaced. Yields what ends it."""
+    with contextlib.ExitStack() as mounted:
+        run("/bin/mount", "--bind", HOSTS, HOSTS)
+        mounted.callback(run, "/bin/umount", HOSTS)
+        run("/bin/mount", "-o", "remount,bind,ro", HOSTS)
+        yield mounted.close
+
+
+def test_full_disk_keeps_settings_and_version_list(platform, device):
+    platform.cloud.device.active = True
+    device.reset(settings=ENROLLED, agents=())
+    # so that any longer value needs another page
+    missing = 4096 - len(read_text(INI))
+    write_text(INI, read_text(INI) + ("#".ljust(99) + "\n") * (missing // 100) + "\n" * (missing % 100))
+    with small_disk(os.path.dirname(INI), "64k") as turn:
+        device.start()
+        platform.wait_request("GET /v1/res/upgrade/apps/pluginmgr*")
+        turn()
+        before = read_text(INI), read_text(VERSION_LIST)
+        assert len(before[0]) == 4096
+        write_text(PUSHED, "[Config]\nconn_timeout=7\n")
+        device.datagram(b"download cloud file success")
+        assert device.replies(SET + "id80037=pbx.lan|10.0.0.5&id80035=off")  # in effect all the same
+        platform.cloud.offer(build("cloud_phone", "1.1.0"), force=True)
+        assert device.get(80025)
+        device.wait_status("cloud_phone", 7)
+        assert (read_text(INI), read_text(VERSION_LIST)) == before and not os.path.exists(PUSHED)
+        assert device.setting("quorvel_service") is None and device.get(80031)["id80035"] == "off"
+        for key in ("quorvel_service", "conn_timeout"):
+            assert f"{key} not written to {INI}" in device.errors()
+        assert "version list not written, the old one stays: No space left on device" in device.errors()
+        turn()
+        assert device.replies(SET + "id80035=off") and device.setting("quorvel_service") == "off"
+        platform.cloud.offer(build("cloud_phone", "1.2.0"), force=True)
+        assert device.get(80025)
+        wait_until(lambda: "1.2.0" in read_text(VERSION_LIST), 30, "the version list")
+        assert len(os.listdir(os.path.dirname(INI))) == 2
+        device.kill_all()
+
+
+@pytest.mark.parametrize("rotates", [False, True])
+def test_full_disk_costs_log_lines_only(platform, device, rotates):
+    """Also when the log is due to be rotated meanwhile; no half of a line is left in it."""
+    device.start_enrolled(platform)
+    device.kill_all()
+    with small_disk("/var/log", "1m") as turn:
+        device.start()
+        assert device.plugins()
+        if rotates:
+            with open(DEBUG_LOG, "a") as log:
+                log.write("old\n" * (LOG_LIMIT // 4))
+        turn()
+        room = os.path.getsize(DEBUG_LOG)
+        for number in range(100):
+            assert device.replies(SET + f"id80035=on{number}")
+        assert (read_text(DEBUG_LOG + ".1").count("old\n") == LOG_LIMIT // 4) == rotates
+        assert rotates or 0 <= os.path.getsize(DEBUG_LOG) - room <= 4096
+        turn()
+        assert device.replies(SET + "id80035=seen")
+        device.wait_log("id80035=seen, len=4")
+        whole_lines(DEBUG_LOG)
+        device.kill_all()
+
+
+@pytest.mark.parametrize("trouble", [small_disk, read_only_hosts])
+def test_hosts_file_that_cannot_be_written(platform, device, trouble):
+    device.start_enrolled(platform)
+    assert device.replies(SET + "id80037=old.lan|10.0.0.9")
+    before, files = read_text(HOSTS), os.listdir("/etc")
+    assert "10.0.0.9 old.lan old.lan\n" in before
+    with trouble("/etc", "4m") as turn:
+        turn() if trouble is small_disk else None
+        assert device.replies(SET + "id80037=new.lan|10.0.0.5") == [{"result": "ok", "code": 0}]
+        assert read_text(HOSTS) == before and device.setting("user_sipserver") == "new.lan|10.0.0.5"
+        for command in ("sed -i '/10.0.0.9/'d /etc/hosts", "echo 10.0.0.5 new.lan new.lan >> /etc/hosts"):
+            assert re.search(f"/etc/hosts not changed, .*: {re.escape(command)}\n", device.errors())
+        turn()
+        assert sorted(os.listdir("/etc")) == sorted(files)
+        assert device.replies(SET + "id80037=old.lan|10.0.0.9")
+        assert device.replies(SET + "id80037=new.lan|10.0.0.5")
+        assert read_text(HOSTS) == before.replace("10.0.0.9 old.lan old.lan", "10.0.0.5 new.lan new.lan")
+        device.kill_all()
+
+
+def test_clock_that_is_set_back_and_forth(platform, device):
+    """A step may cost a healthy agent one restart, for its last sign of life seems long ago. After
+    its next one it is watched as ever; queries, checks and reports go on."""
+    device.start_enrolled(platform, agents=["cloudae"])
+    agent = device.cloudae
+    agent.wait_started()
+    for step in (DAY, -DAY, 3650 * DAY, 0):
+        starts, signs, mark = len(agent.starts()), len(device.log_lines("got keepcloudae")), platform.mark()
+        agent.behave(keepalive=0.1)
+        device.shift_time(step)
+        platform.wait_request("GET /v1/res/upgrade/apps/pluginmgr*", since=mark)
+        wait_until(lambda: len(device.log_lines("got keepcloudae")) > signs + 5, 20, "signs of life")
+        assert len(agent.starts()) <= starts + 1
+        agent.behave(keepalive=0)
+        starts = len(agent.starts())
+        assert device.get(80000)["id80000"] == "on" and device.get(80025)
+        device.shift_time(step + SILENCE + 60)
+        agent.wait_started(starts + 1)
+    assert device.get(80002)["code"] == 0
