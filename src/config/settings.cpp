@@ -2,8 +2,11 @@
 #include "config/settings.h"
 
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <span>
 
+#include "base/handles.h"
 #include "base/text.h"
 #include "config/ini.h"
 #include "deployment.h"
@@ -23,7 +26,7 @@ std::span<char> text(settings* config) {
 }
 
 enum class source { own_file, agent_file };
-enum class log_as { value, value_if_set, length, nothing };
+enum class log_as { value, value_if_set, length, nothing };  // value_if_set: tls_ca_file alone
 
 // One setting; exactly one of text, number and heap says where it goes.
 struct setting {
@@ -96,9 +99,32 @@ bool read_number(const char* path, const setting& row, int32_t* out) {
     return true;
 }
 
+bool mentions(const char* path, const char* key) {
+    char line[INI_MAX_LINE] = {};
+    const file_ptr file(fopen(path, "re"));
+    while (file && fgets(line, sizeof line, file.get()) != nullptr) {
+        if (strstr(line, key) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A file with a broken line loses the settings behind it. This one must not be lost: a text that is
+// no file of authorities refuses every connection.
+void keep_protection(const char* path, const setting& row, int code, std::span<char> field) {
+    if (code != 0 && code != INI_NO_SECTION && code != INI_NO_KEY && mentions(path, row.key)) {
+        log_err(__func__, __LINE__, "%s in %s can't be read, code %d", row.key, path, code);
+        copy_text(field.data(), field.size(), "unreadable setting");
+    }
+}
+
 void load_text(const char* path, const setting& row, settings* config) {
     const std::span<char> field = row.text(config);
     const int code = ini_get(path, row.section, row.key, field.data(), field.size());
+    if (row.log == log_as::value_if_set) {
+        keep_protection(path, row, code, field);
+    }
     if ((code != 0 || is_empty(field.data())) && row.default_text != nullptr) {
         copy_text(field.data(), field.size(), row.default_text);
     }

@@ -56,7 +56,8 @@ bool has_room() {
     if (stat(HOSTS_FILE, &file) != 0 || statvfs(HOSTS_FILE, &disk) != 0 || disk.f_blocks == 0) {
         return true;  // nothing to lose, or a memory file system without a limit
     }
-    return disk.f_bavail * disk.f_frsize > static_cast<uint64_t>(file.st_size) + MAX_COMMAND;
+    const uint64_t room = static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize;
+    return room > static_cast<uint64_t>(file.st_size) + MAX_COMMAND;
 }
 
 void change_hosts(const char* function, const char* command) {

@@ -138,7 +138,9 @@ long announced_length(const answer& a) {
     const size_t value = std::min(name + LENGTH_NAME.size() + 1, text.size());
     const long long body = to_int(text.substr(value));
     const long long whole = body + static_cast<long long>(end + HEADER_END.size());
-    return body < 0 || whole > INT_MAX ? LENGTH_UNKNOWN : static_cast<long>(whole);
+    // Less a buffer, by which the last read may go beyond: the total stays an int.
+    const long long most = INT_MAX - static_cast<long long>(a.size);
+    return body < 0 || whole > most ? LENGTH_UNKNOWN : static_cast<long>(whole);
 }
 
 void save_body(answer& a) {

@@ -34,6 +34,7 @@ constexpr int HANDSHAKE_RETRIES = 256;  // that come without a wait
 constexpr long long SEND_LIMIT = 10;    // the time of so many full waits is all a send may take
 constexpr size_t REASON_SIZE = 256;
 constexpr int HANDSHAKE_DONE = 1;
+constexpr int MAX_MESSAGES = 256;  // of TLS's own on one connection; an honest server sends a dozen
 
 int open_tcp(https_conn* conn, const char* host, int port) {
     conn->socket = new_tcp_socket("connect_https");
@@ -106,6 +107,17 @@ void log_refusal(const https_conn& conn, const char* host) {
     }
 }
 
+// One read goes on over session tickets and the like for as long as they come, whatever the
+// deadline of its caller. Beyond all reason they are the end of the connection.
+void count_message(int sent, int /*version*/, int type, const void* /*message*/, size_t /*length*/,
+                   SSL* ssl, void* owner) {
+    auto* conn = static_cast<https_conn*>(owner);
+    if (sent == 0 && type == SSL3_RT_HANDSHAKE && ++conn->messages > MAX_MESSAGES) {
+        SSL_set_shutdown(ssl, SSL_get_shutdown(ssl) | SSL_RECEIVED_SHUTDOWN);
+        (void)shutdown(conn->socket, SHUT_RDWR);
+    }
+}
+
 // The TLS session on a connected socket. The caller closes conn after a failure.
 int open_tls(https_conn* conn, const char* host) {
     conn->ssl_ctx = SSL_CTX_new(TLS_client_method());
@@ -117,6 +129,8 @@ int open_tls(https_conn* conn, const char* host) {
     if (conn->ssl == nullptr) {
         return tls_failure("SSL_new");
     }
+    SSL_set_msg_callback(conn->ssl, count_message);
+    SSL_set_msg_callback_arg(conn->ssl, conn);
     if (tls_is_verified() && require_certificate(conn, host) != 0) {
         return ERR_TLS;
     }
@@ -228,6 +242,7 @@ void init_https_conn(https_conn* conn) {
     conn->socket = -1;
     conn->ssl = nullptr;
     conn->ssl_ctx = nullptr;
+    conn->messages = 0;
 }
 
 void close_https(https_conn* conn) {

@@ -17,13 +17,14 @@
 struct ssl_st;
 struct ssl_ctx_st;
 
-// One TLS client connection: closed (socket -1) or open. The address survives closing and is
-// forgotten only when a TCP connect fails.
+// One TLS client connection: closed (socket -1) or open, and then not to be moved. The address
+// survives closing and is forgotten only when a TCP connect fails.
 struct https_conn {
     int socket = -1;
     uint32_t server_address = 0;  // IPv4, network byte order; 0 is not resolved yet
     ssl_st* ssl = nullptr;
     ssl_ctx_st* ssl_ctx = nullptr;
+    int messages = 0;  // of TLS's own, received since it was opened
 };
 
 constexpr long long NO_LIMIT = LLONG_MAX;

@@ -152,7 +152,7 @@ void limit_file_size(long long limit) {
         (void)dup2(null_device, STDERR_FILENO);
     }
     run_shell("mkdir -p /tmp/dl_cloud/");
-    (void)umask(S_IWGRP | S_IWOTH);
+    (void)umask(umask(S_IRWXU | S_IRWXG | S_IRWXO) | S_IWGRP | S_IWOTH);
     if (work.use_wget) {
         sigset_t none;
         sigemptyset(&none);

@@ -3,7 +3,8 @@
 
 // Two jobs: "untar_web [BRIX]" unpacks the web pages that came with the firmware; a path installs
 // that package, whose own install.sh leaves its result in /tmp/up_cloud. The daemon hands over the
-// package as descriptor 9, open, verified and without a name by then.
+// package as descriptor 9, open, verified and without a name by then. Run by hand, the script
+// may find somebody's lock there: an empty file.
 const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
     if [ -e /var/bin/cloud_web.tar.gz ]; then
         tar zxf /var/bin/cloud_web.tar.gz -C /tmp 2>/dev/null
@@ -37,7 +38,7 @@ mkdir -p /tmp/up_cloud/
 cd /tmp/up_cloud/ || exit 1
 rm -rf ./* ./.[!.]* ./..?*
 
-if [ -f /proc/self/fd/9 ]; then
+if [ -f /proc/self/fd/9 ] && [ -s /proc/self/fd/9 ]; then
     tar zxf - <&9
     exec 9<&-
 else

@@ -2,6 +2,7 @@
 #include "upgrade/package_file.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +36,8 @@ bool keep_others_out(const char* path) {
 // The kernel grants a read lease only while nobody has the file open for writing. File systems
 // without leases cannot tell.
 bool has_no_writer(int file) {
+    // Whoever opens it for writing at this very moment sends a signal: SIGIO would end the process.
+    (void)fcntl(file, F_SETSIG, SIGURG);
     if (fcntl(file, F_SETLEASE, F_RDLCK) != 0) {
         return errno != EAGAIN;
     }

@@ -104,6 +104,8 @@ def test_what_was_verified_is_what_is_installed(platform, enrolled):
     update(enrolled)
     enrolled.wait_status(NAME, RESTARTED)
     assert not os.path.exists(package_path(package))
+    subprocess.run(["/bin/sh", "-c", f"{SCRIPT} /run/lab/other.tar.gz 9>/tmp/lock"], check=True)
+    assert read_text("/tmp/up_cloud/up_msg").strip() == "another package", "by hand, the name counts"
 
 
 @pytest.mark.parametrize("wget", ["busybox", "gnu"])

@@ -287,6 +287,20 @@ TEST_F(net, only_what_a_reader_would_get_ends_a_kept_connection) {
     }
 }
 
+TEST_F(net, a_flood_of_session_tickets_is_the_end) {
+    const tls_server server([](SSL* ssl) {
+        SSL_set_num_tickets(ssl, 300);  // sent with the handshake, all read before the answer
+        hear(ssl);
+        say(ssl, answer_of("late"));
+    });
+    https_conn conn;
+    char answer[200] = {};
+    ASSERT_EQ(connect_https(&conn, server.place().c_str()), 0);
+    (void)send_https_str(&conn, "GET\r\n\r\n");
+    EXPECT_EQ(recv_https(&conn, answer, sizeof answer - 1, 1, nullptr), 0);
+    close_https(&conn);
+}
+
 // The segment size of a connection to itself, whose default is far above any setting.
 int segment_size_with(const char* setting) {
     set_text(pluginmgr_config.tcp_mss, setting);

@@ -58,6 +58,11 @@ TEST_F(settings_files, without_a_file_the_defaults_hold) {
     EXPECT_EQ(config.checkcycle, 43200);
 }
 
+TEST_F(settings_files, a_broken_line_does_not_switch_verification_off) {
+    EXPECT_STRNE(load("[Config]\nno key\ntls_ca_file=/ca.pem\n").tls_ca_file, "");
+    EXPECT_STREQ(load("[Config]\nno key\n").tls_ca_file, "");
+}
+
 TEST_F(settings_files, numbers) {
     const struct {
         const char* text;
