@@ -291,6 +291,12 @@ class Device:
         wait_until(lambda: self.plugins()["pluginmgr"]["status"] == NOT_OFFERED, what="the check")
         return self
 
+    def threads(self):
+        """Ids of the daemon's threads, the main one first; left out is ThreadSanitizer's, the second."""
+        threads = sorted(map(int, os.listdir(f"/proc/{self.pid()}/task")))
+        with open(self.binary, "rb") as program:
+            return threads[:1] + threads[1 + (b"__tsan_init" in program.read()):]
+
     def is_ready(self):
         """Whether the daemon that holds the pid file has opened the control port. Its log is no
         sign: a line that meets another thread's is left out."""

@@ -7,8 +7,8 @@
 
 extern "C" unsigned __real_sleep(unsigned seconds);
 
-// A stopped install is cancelled without any clean-up. That happens once in the life of a daemon,
-// which then installs nothing more.
+// A stopped install is cancelled and runs no destructors. That happens once in the life of a
+// daemon, which then installs nothing more.
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:run_install_script\nleak:copy_remote\n";
 }

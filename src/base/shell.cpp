@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/handles.h"
@@ -21,6 +22,9 @@ namespace {
 
 constexpr size_t MAX_COMMAND = 1024;
 
+// Held while the environment is read or changed.
+pthread_mutex_t environment_lock = PTHREAD_MUTEX_INITIALIZER;
+
 bool is_plain(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
            (c != '\0' && strchr("._-/:@%+,=", c) != nullptr);
@@ -28,7 +32,7 @@ bool is_plain(char c) {
 
 // Starts /bin/sh -c command with an empty signal mask; descriptor, when not -1, becomes its
 // descriptor of the number `as`. The child's id, or -1.
-pid_t start_shell(const char* command, int descriptor = -1, int as = -1) {
+pid_t spawn_shell(const char* command, int descriptor = -1, int as = -1) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     sigset_t none;
@@ -52,6 +56,14 @@ pid_t start_shell(const char* command, int descriptor = -1, int as = -1) {
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     return error == 0 ? child : -1;
+}
+
+// No cancellation point: the lock is always given back.
+pid_t start_shell(const char* command, int descriptor, int as) {
+    pthread_mutex_lock(&environment_lock);
+    const pid_t child = spawn_shell(command, descriptor, as);
+    pthread_mutex_unlock(&environment_lock);
+    return child;
 }
 
 int wait_for(pid_t child) {
@@ -159,10 +171,17 @@ long read_shell(const char* command, char* out, size_t size) {
     return static_cast<long>(total);
 }
 
-void run_shell_from_signal(const char* command) {
+void run_shell_unlocked(const char* command) {
     // Spawning takes no lock of the allocator, as fork() would: the interrupted code may hold it.
-    const pid_t child = start_shell(command);
+    const pid_t child = spawn_shell(command);
     if (child > 0) {
         (void)wait_for(child);
     }
+}
+
+bool set_shell_variable(char* text) {
+    pthread_mutex_lock(&environment_lock);
+    const bool done = putenv(text) == 0;
+    pthread_mutex_unlock(&environment_lock);
+    return done;
 }

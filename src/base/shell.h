@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Programs of the device, run through /bin/sh. The daemon keeps SIGPIPE blocked in its working
 // threads and its descriptors close-on-exec; what is started here gets an empty signal mask and
-// none of the descriptors but the one it is given. No state; any thread. A thread that is cancelled
-// in run_shell kills and reaps its shell first.
+// none of the descriptors but the one it is given. Any thread; the only state is the environment,
+// under a lock. A thread that is cancelled in run_shell kills and reaps its shell first.
 #pragma once
 
 #include <cstddef>
@@ -31,5 +31,10 @@ int run_shell_format(const char* format, ...) __attribute__((format(printf, 1, 2
 // bytes read, or -1 when it could not be started. More output is dropped.
 [[nodiscard]] long read_shell(const char* command, char* out, size_t size);
 
-// Runs a command from a signal handler: async-signal-safe, waits for the shell to end.
-void run_shell_from_signal(const char* command);
+// Runs a command where no lock may be taken, in a signal handler or a forked child:
+// async-signal-safe, waits for the shell to end.
+void run_shell_unlocked(const char* command);
+
+// Puts "NAME=value" into the environment of what is started from now on. The text itself becomes
+// part of it, and the one it replaces is free again. Once threads run, for known names only.
+[[nodiscard]] bool set_shell_variable(char* text);

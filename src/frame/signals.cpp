@@ -90,7 +90,7 @@ void on_signal(int signo) {
         log_from_signal(LOG_LINE, line.text);
     }
     if (signo == SIGPIPE) {
-        run_shell_from_signal("sleep 3 && /var/run/pluginmgr &");
+        run_shell_unlocked("sleep 3 && /var/run/pluginmgr &");
         _exit(0);
     }
     // _exit, not exit: handlers of exit() flush streams, whose locks the interrupted code may hold.

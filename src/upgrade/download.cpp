@@ -151,7 +151,7 @@ void limit_file_size(long long limit) {
         (void)dup2(null_device, STDOUT_FILENO);
         (void)dup2(null_device, STDERR_FILENO);
     }
-    run_shell("mkdir -p /tmp/dl_cloud/");
+    run_shell_unlocked("mkdir -p /tmp/dl_cloud/");
     (void)umask(umask(S_IRWXU | S_IRWXG | S_IRWXO) | S_IWGRP | S_IWOTH);
     if (work.use_wget) {
         sigset_t none;

@@ -162,16 +162,13 @@ json_ptr cloud_versions_document(char (&text)[VERSION_TEXT_SIZE]) {
     return list;
 }
 
-// Into the environment of the programs that are started. First before other threads exist; later
-// calls only swap this entry's pointer, so that threads which start programs meanwhile are safe.
-// One of them may still be reading the text before, which is kept; setenv() would keep every one.
+text_ptr exported_versions;
+
+// For the programs that are started. setenv() would keep every text that it is ever given.
 void export_versions(const char* document) {
-    static text_ptr current;
-    static text_ptr previous;
     text_ptr text = heap_text((std::string("cloud_version=") + document).c_str());
-    if (text && putenv(text.get()) == 0) {
-        previous = std::move(current);
-        current = std::move(text);
+    if (text && set_shell_variable(text.get())) {
+        exported_versions = std::move(text);
     }
 }
 

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
 """The agents of each run mode, and the periodic work, under a clock that the test moves."""
-import os
 
 import pytest
 
@@ -16,11 +15,10 @@ SWITCHES = 4              # of the control thread, in which at least one idle pa
 def idle_pass(device):
     """Returns when the control thread, idle before, has done its periodic work at least once. It
     sleeps twice in an idle pass, and an answer comes only between two passes."""
-    tasks = f"/proc/{device.pid()}/task"
-    control = sorted(map(int, os.listdir(tasks)))[1]
+    control = f"/proc/{device.pid()}/task/{device.threads()[1]}/status"
 
     def switches():
-        return int(read_text(f"{tasks}/{control}/status").split("\nvoluntary_ctxt_switches:")[1].split()[0])
+        return int(read_text(control).split("\nvoluntary_ctxt_switches:")[1].split()[0])
     device.plugins()
     before = switches()
     wait_until(lambda: switches() >= before + SWITCHES, 20, "an idle pass", 0.02)
@@ -46,7 +44,7 @@ def calls(agent):
 def test_modes_at_start(platform, device, mode, told, cloudae, cloudsafety, cloud, upgrades):
     platform.cloud.device.active = True
     device.reset(settings=ENROLLED | {"cloudserver": mode})
-    child = device.start()
+    device.start()
     assert device.get(80000)["id80000"] == told
     if upgrades:
         platform.wait_request(UPGRADES)
@@ -56,7 +54,7 @@ def test_modes_at_start(platform, device, mode, told, cloudae, cloudsafety, clou
     reports = platform.requests(lambda one: "versions" in one.query)
     assert bool(platform.requests(READ)) == bool(reports) == cloud
     assert bool(platform.requests(UPGRADES)) == upgrades
-    assert len(os.listdir(f"/proc/{child.pid}/task")) == 2 + upgrades
+    assert len(device.threads()) == 2 + upgrades
     assert ("cloud service is disabled, enter disabled mode" in device.errors()) == told.startswith("disable")
 
 
