@@ -253,6 +253,8 @@ struct ssl_ctx_st { int none = 0; };
 SSL_CTX* SSL_CTX_new(const SSL_METHOD*) { return new ssl_ctx_st; }
 void SSL_CTX_free(SSL_CTX* context) { delete context; }
 long SSL_CTX_ctrl(SSL_CTX*, int, long, void*) { return 1; }
+long SSL_ctrl(SSL*, int, long, void*) { return 1; }
+void SSL_set_msg_callback(SSL*, void (*)(int, int, int, const void*, size_t, SSL*, void*)) {}
 SSL* SSL_new(SSL_CTX*) { return new ssl_st; }
 void SSL_free(SSL* session) { delete session; }
 int SSL_set_fd(SSL* session, int fd) { session->fd = fd; return 1; }
