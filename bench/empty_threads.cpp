@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// empty_threads [tls]: three threads that do nothing, linked to the daemon's libraries: what
-// merely being such a process costs. With "tls" after initialising OpenSSL as the daemon does,
-// which tells the library's share of the memory from the daemon's own. Ends by a signal.
+// empty_threads [tls]: three threads that do nothing, with the daemon's libraries loaded: what
+// merely being such a process costs. Linked as empty_cxx_threads it has libstdc++, and what that
+// needs, beside them, as any C++ program has that takes no care. With "tls" after initialising
+// OpenSSL, as the daemon does before its first connection. Ends by a signal.
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <pthread.h>

@@ -6,6 +6,7 @@
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <pthread.h>
 #include <resolv.h>
 #include <unistd.h>
 
@@ -119,7 +120,21 @@ void count_message(int sent, int /*version*/, int type, const void* /*message*/,
 }
 
 // The TLS session on a connected socket. The caller closes conn after a failure.
+void initialise_library() {
+    OPENSSL_init_ssl(0, nullptr);
+    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    RAND_poll();
+    while (RAND_status() == 0) {
+        // Only for a system without any entropy; a weak seed is better than none.
+        const auto seed =
+            static_cast<int16_t>(rand() % 65536);  // NOLINT(cert-msc30-c,cert-msc50-cpp)
+        RAND_seed(&seed, sizeof seed);
+    }
+}
+
 int open_tls(https_conn* conn, const char* host) {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    (void)pthread_once(&once, initialise_library);
     conn->ssl_ctx = SSL_CTX_new(TLS_client_method());
     if (conn->ssl_ctx == nullptr) {
         return tls_failure("SSL_CTX_new");
@@ -206,15 +221,6 @@ bool tls_is_verified() {
 }
 
 void ssl_library_init() {
-    OPENSSL_init_ssl(0, nullptr);
-    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-    RAND_poll();
-    while (RAND_status() == 0) {
-        // Only for a system without any entropy; a weak seed is better than none.
-        const auto seed =
-            static_cast<int16_t>(rand() % 65536);  // NOLINT(cert-msc30-c,cert-msc50-cpp)
-        RAND_seed(&seed, sizeof seed);
-    }
     log_msg(LOG_API, PROGRESS, __func__, __LINE__, "initialize ssl library");
 }
 

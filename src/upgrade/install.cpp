@@ -113,8 +113,8 @@ int run_cancellable(const char* command, int package) {
 
 // The script is told the name and given the open file, which is what it unpacks.
 void run_install_script(int package, const char* path) {
-    const std::string command =
-        std::string(INSTALL_SCRIPT) + ' ' + shell_word(path) + " >/dev/null";
+    std::string command = INSTALL_SCRIPT;
+    command += ' ' + shell_word(path) + " >/dev/null";
     (void)unlink(RESULT_FILE);  // an earlier install's must not count when the script cannot run
     int result = run_cancellable(command.c_str(), package);
     if (result > 0) {
