@@ -31,6 +31,7 @@ NEXT_DAEMON = "/lab-build/lab/pluginmgr_next"  # the same daemon under a higher 
 LAB = "/run/lab/"
 FAKE_TIME_FILE = LAB + "faketime"
 DAEMON_OUTPUT = LAB + "daemon.out"
+EMULATOR = "/usr/bin/qemu-"  # of lab.emulated
 WGETS = {"busybox": "/usr/bin/busybox", "gnu": "/usr/bin/wget"}
 
 MAC = "00:11:22:AA:bb:cc"
@@ -44,8 +45,9 @@ VERSION_FILE = "HW_REVISION=V1.0 KQ900-A\nSW_REVISION=REL 53.20.1\n"
 # found again, whoever their parent is by then.
 MARK = "LAB_DEVICE=1"
 ENVIRONMENT = {"PATH": "/bin:/sbin", "HOME": "/root", "LAB_DEVICE": "1"}
-ENVIRONMENT |= {name: os.environ[name] for name in ("ASAN_OPTIONS", "TSAN_OPTIONS")
-                if name in os.environ}  # of a sanitized build
+ENVIRONMENT |= {name: os.environ[name]  # of a sanitized build, of one for another processor
+                for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "QEMU_LD_PREFIX")
+                if name in os.environ}
 FAKE_TIME_ENVIRONMENT = {
     "LD_PRELOAD": "/usr/$LIB/faketime/libfaketimeMT.so.1",
     "FAKETIME_TIMESTAMP_FILE": FAKE_TIME_FILE,
@@ -324,7 +326,10 @@ class Device:
         running = {}
         for pid in device_processes():
             try:
-                if os.readlink(f"/proc/{pid}/exe").removesuffix(" (deleted)") == DAEMON:
+                exe = os.readlink(f"/proc/{pid}/exe").removesuffix(" (deleted)")
+                if exe.startswith(EMULATOR):  # its first argument is the program
+                    exe = read_text(f"/proc/{pid}/cmdline").split("\0")[1]
+                if exe == DAEMON:
                     running[pid] = int(read_text(f"/proc/{pid}/stat").rpartition(")")[2].split()[1])
             except (OSError, IndexError):
                 pass  # it ended meanwhile

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs a program inside a throw-away device, without root and without touching the machine.
 
-    python3 lab/sandbox.py [--out DIR] [--build DIR] -- PROGRAM [ARGS...]
+    python3 lab/sandbox.py [--out DIR] [--build DIR] [--sysroot DIR] -- PROGRAM [ARGS...]
 
 Inside, the program is user 0 of a machine of its own (user, process, network, ipc and host
 name spaces; loopback is up, nothing else is reachable):
@@ -14,6 +14,8 @@ name spaces; loopback is up, nothing else is reachable):
     /lab-src             this checkout, read-only; `import lab...` works
     /lab-build           --build, read-only: pluginmgr and pluginctl
     /lab-out             --out, writable: the only thing that survives
+    /lab-sysroot         --sysroot, read-only: the libraries of a --build for another processor,
+                         which lab.emulated runs
 
 The exit status is the program's. Several sandboxes run side by side without meeting.
 """
@@ -93,21 +95,24 @@ def device_files():
     return arguments
 
 
-def lab_folders(out, build):
+def lab_folders(out, build, sysroot):
     arguments = ["--ro-bind", ROOT, "/lab-src"]
     if os.path.isdir(build):
         arguments += ["--ro-bind", build, "/lab-build"]
     if out:
         os.makedirs(out, exist_ok=True)
         arguments += ["--bind", out, "/lab-out"]
+    if sysroot:
+        arguments += ["--ro-bind", sysroot, "/lab-sysroot",
+                      "--setenv", "QEMU_LD_PREFIX", "/lab-sysroot"]
     return arguments + ["--chdir", "/lab-src"]
 
 
-def command(program, out=None, build=None):
+def command(program, out=None, build=None, sysroot=None):
     """The full bwrap command line for a program (a list); descriptors in it are inheritable."""
     build = build or os.path.join(ROOT, "build", "release")
     return (["bwrap"] + isolation() + system_folders() + device_files()
-            + lab_folders(out and os.path.abspath(out), os.path.abspath(build))
+            + lab_folders(out and os.path.abspath(out), os.path.abspath(build), sysroot)
             + ["--"] + list(program))
 
 
@@ -119,7 +124,7 @@ def environment():
 def parse(arguments):
     """(options, program); exits with the manual when the line makes no sense."""
     options = {}
-    while arguments and arguments[0] in ("--out", "--build") and len(arguments) > 1:
+    while arguments and arguments[0] in ("--out", "--build", "--sysroot") and len(arguments) > 1:
         options[arguments[0][2:]] = arguments[1]
         arguments = arguments[2:]
     if len(arguments) < 2 or arguments[0] != "--":
