@@ -5,7 +5,7 @@
 Every pair is measured in this run, alternating, and the medians are compared, so that what the
 machine does meanwhile hits both. Targets are printed, never enforced: the exit status only tells
 whether everything could be measured. The running daemon is measured in the lab's sandbox
-(inside.py); digests and downloads, which need no device, outside it.
+(inside.py, growth.py, costs.py, peers.py); digests and downloads, which need no device, outside it.
 """
 import argparse
 import filecmp
@@ -22,10 +22,12 @@ import time
 from contextlib import contextmanager
 from pathlib import Path
 
+from plot import Plot, svg
+
 ROOT = Path(__file__).resolve().parent.parent
 MEGABYTE = 1 << 20
 NGINX = "/usr/sbin/nginx"
-SANDBOX_SECONDS = 200
+SANDBOX_SECONDS = 900
 
 # What the daemon's loops wake up for: the main thread's sleep each second, the upgrade thread's
 # each 100 ms, and the control thread's select and sleep of 100 ms each. The half is for the duties
@@ -180,21 +182,26 @@ def download_rows(options, scratch):
             speed_row(figure, options.size, seconds, "curl")]
 
 
+def stripped_size(program, scratch):
+    seconds_of("strip", "-o", scratch / "stripped", program)
+    return (scratch / "stripped").stat().st_size
+
+
 def size_rows(options, scratch):
-    stripped = scratch / "stripped"
-    seconds_of("strip", "-o", stripped, options.build / "pluginmgr")
-    size = stripped.stat().st_size
-    return [row("stripped size", f"{size / 1000:.0f} KB", "", None, "< 250 KB", size < 250_000)]
+    size = stripped_size(options.build / "pluginmgr", scratch)
+    rows = [row("stripped size", f"{size / 1000:.0f} KB", "", None, "< 250 KB", size < 250_000)]
+    if options.before:
+        old = stripped_size(options.before, scratch)
+        rows.append(row("stripped size", f"{size / 1000:.0f} KB", f"before {old / 1000:.0f} KB",
+                        size / old))
+    return rows
 
 
-def measure_inside(options):
-    """Runs inside.py in the sandbox; its last line of output is the result."""
-    sandbox = ROOT / "lab" / "sandbox.py"
-    if not sandbox.exists():
-        raise Missing("there is no lab/sandbox.py")
-    command = [sys.executable, sandbox, "--build", options.build, "--", "/usr/bin/python3",
-               "/lab-src/bench/inside.py", "--rounds", options.rounds, "--idle", options.idle,
-               "--queries", options.queries]
+def measure_inside(options, script, *arguments, out=None):
+    """Runs a script of this folder in the sandbox; its last line of output is the result."""
+    command = [sys.executable, ROOT / "lab/sandbox.py", "--build", options.build,
+               *(("--out", out) if out else ()), "--", "/usr/bin/python3",
+               f"/lab-src/bench/{script}.py", *arguments]
     done = subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL,
                           capture_output=True, text=True, timeout=SANDBOX_SECONDS)
     lines = done.stdout.strip().splitlines()
@@ -203,31 +210,43 @@ def measure_inside(options):
     return json.loads(lines[-1])
 
 
-def query_rows(result):
-    ours, echo = result["daemon_queries"], result["echo_queries"]
+def query_rows(queries):
+    ours, echo = queries["daemon"]["1"], queries["echo"]["1"]
     ratio = ours["qps"] / echo["qps"]
     rows = [row("id 80000, queries/s on one CPU", f"{ours['qps']:.0f}",
                 f"UDP echo {echo['qps']:.0f}", ratio, ">= 0.5", ratio >= 0.5)]
     for key in ("p50_us", "p99_us"):
         rows.append(row(f"id 80000, latency {key[:3]}", f"{ours[key]:.1f} us",
                         f"UDP echo {echo[key]:.1f} us", ours[key] / echo[key]))
+    for clients, figures in list(queries["daemon"].items())[1:]:
+        peer = queries["echo"][clients]
+        rows.append(row(f"queries/s, {clients} clients", f"{figures['qps']:.0f}",
+                        f"UDP echo {peer['qps']:.0f}", figures["qps"] / peer["qps"]))
     return rows
 
 
-def idle_rows(result):
-    ours, empty, tls = result["daemon_idle"], result["empty_idle"], result["tls_idle"]
+PEER_NAMES = {"C++ program": "empty C++ program", "same libraries": "empty, same libraries",
+              "same libraries, TLS set up": "empty, same libraries, TLS set up"}
+
+
+def idle_rows(idle):
+    ours, empty = idle["daemon"], idle["C++ program"]
     rows = []
-    for key, peer, figures, limit in (("pss_kb", "empty", empty, 1.15),
-                                      ("pss_kb", "with TLS set up", tls, None),
-                                      ("rss_kb", "empty", empty, None),
-                                      ("rss_kb", "with TLS set up", tls, None)):
-        ratio = ours[key] / figures[key]
-        rows.append(row(f"idle {key[:3].upper()}", f"{ours[key]:.0f} KB",
-                        f"{peer} {figures[key]:.0f} KB", ratio,
+    old = ("before",) if "before" in idle else ()
+    for key, name, limit in (("pss_kb", "C++ program", 1.15), ("pss_kb", "same libraries", None),
+                             ("pss_kb", "same libraries, TLS set up", None),
+                             ("dirty_kb", "C++ program", None),
+                             ("dirty_kb", "same libraries", None),
+                             ("rss_kb", "C++ program", None), ("rss_kb", "same libraries", None),
+                             *((key, name, None) for name in old for key in ("pss_kb", "dirty_kb"))):
+        ratio = ours[key] / idle[name][key]
+        figure = {"pss_kb": "PSS", "rss_kb": "RSS", "dirty_kb": "private dirty"}[key]
+        rows.append(row(f"idle {figure}", f"{ours[key]:.0f} KB",
+                        f"{PEER_NAMES.get(name, name)} {idle[name][key]:.0f} KB", ratio,
                         limit and f"<= {limit}", limit and ratio <= limit))
     wakes, milliseconds = ours["wakes_per_second"], ours["cpu_ms_per_minute"]
     rows += [
-        row("idle threads", f"{ours['threads']}", f"empty {empty['threads']:.0f}",
+        row("idle threads", f"{ours['threads']:.0f}", f"empty {empty['threads']:.0f}",
             ours["threads"] / empty["threads"]),
         row("idle wake-ups/s", f"{wakes:.1f}", f"its ticks {DOCUMENTED_TICKS}",
             wakes / DOCUMENTED_TICKS, f"<= {TICKS_LIMIT}", wakes <= TICKS_LIMIT),
@@ -237,17 +256,97 @@ def idle_rows(result):
     return rows
 
 
-def running_rows(options, _scratch):
-    for program in ("pluginmgr", "bench/empty_threads"):
-        if not (options.build / program).exists():
-            raise Missing(f"{program} has not been built")
-    result = measure_inside(options)
-    options.details["running"] = result
-    return query_rows(result) + idle_rows(result)
+def daemons(options, scratch):
+    """The daemons to measure, as paths in the sandbox."""
+    if not options.before:
+        return {"now": "/lab-build/pluginmgr"}
+    shutil.copy(options.before, scratch / "before")
+    return {"now": "/lab-build/pluginmgr", "before": "/lab-out/before"}
+
+
+def running_rows(options, scratch):
+    before = daemons(options, scratch).get("before")
+    result = options.details["running"] = measure_inside(
+        options, "inside", "--rounds", options.rounds, "--idle", options.idle,
+        "--queries", options.queries, *(("--before", before) if before else ()), out=scratch)
+    return query_rows(result["queries"]) + idle_rows(result["idle"])
+
+
+def growth_rows(options, _scratch):
+    points = options.details["growth"] = measure_inside(
+        options, "growth", "--rounds", options.rounds, "--queries", options.queries // 10,
+        *options.plugins)
+    first, last = points[0], points[-1]
+
+    def grown(figure, unit, value):
+        digits = 0 if unit == "KB" else 2
+        return row(f"{figure}, {last['plugins']} plug-ins", f"{value(last):.{digits}f} {unit}",
+                   f"{first['plugins']} plug-in {value(first):.{digits}f} {unit}",
+                   value(last) / value(first))
+
+    def a_byte(one):
+        return one["query"]["us"] * 1e3 / one["query"]["bytes"]
+
+    return [
+        grown("private dirty, no connection yet", "KB", lambda one: one["idle"]["dirty_kb"]),
+        grown("private dirty, after a check", "KB", lambda one: one["connected"]["dirty_kb"]),
+        grown("PSS, no connection yet", "KB", lambda one: one["idle"]["pss_kb"]),
+        grown("PSS, after a check", "KB", lambda one: one["connected"]["pss_kb"]),
+        grown("status query, CPU", "us", lambda one: one["query"]["us"]),
+        grown("status query, CPU a byte", "ns", a_byte),
+        grown("status query, long notes, CPU", "us", lambda one: one["document"]["us"]),
+        grown("upgrade check, CPU", "ms", lambda one: one["check_ms"]),
+    ]
+
+
+def footprint_rows(options, _scratch):
+    found = options.details["footprint"] = measure_inside(options, "peers")
+    ours = found.pop("pluginmgr")
+    if not found:
+        raise Missing("neither rauc, swupdate nor mender-client is installed")
+    return [row(figure, f"{ours[key]:.0f} KB", f"{name} {peer[key]:.0f} KB", ours[key] / peer[key])
+            for key, figure in (("pss_kb", "idle PSS, beside services"),
+                                ("dirty_kb", "idle private dirty, beside services"),
+                                ("disk_kb", "program and libraries"))
+            for name, peer in found.items()]
+
+
+def cost_rows(options, scratch):
+    for tool in ("strace", "valgrind"):
+        if not shutil.which(tool):
+            raise Missing(f"{tool} is not installed")
+    results = options.details["costs"] = {
+        name: measure_inside(options, "costs", "--daemon", path, "--idle", options.count_idle,
+                             "--queries", options.count_queries, "--checks", 5, out=scratch)
+        for name, path in daemons(options, scratch).items()}
+    now, before = results["now"], results.get("before")
+    rows = []
+    for kind in now:
+        for key, value in now[kind].items():
+            old = before and before[kind][key]
+            rows.append(row(f"{kind}, {key}", f"{value:,.1f}", f"before {old:,.1f}" if old else "",
+                            value / old if old else None))
+    return rows
 
 
 FIGURES = [("queries and idle daemon", running_rows), ("package signature", digest_rows),
-           ("HTTPS download", download_rows), ("stripped size", size_rows)]
+           ("HTTPS download", download_rows), ("stripped size", size_rows),
+           ("growth", growth_rows), ("footprint of other services", footprint_rows),
+           ("system calls and instructions", cost_rows)]
+
+
+def write_plot(path, details):
+    """Of what has been measured; the memory is the daemon's own, in KB."""
+    queries, growth = details["running"]["queries"], details["growth"]
+    names = {"echo": "bare UDP echo", "daemon": "pluginmgr, id 80000"}
+    path.write_text(svg([
+        Plot("Queries per second, daemon and clients on one CPU", "clients",
+             {names[key]: [(int(clients), figures["qps"])
+                           for clients, figures in queries[key].items()] for key in names}),
+        Plot("Memory of its own (private dirty, KB)", "plug-ins",
+             {name: [(one["plugins"], one[key]["dirty_kb"]) for one in growth] for name, key in
+              (("after an upgrade check", "connected"), ("before the first connection", "idle"))}),
+    ]))
 
 
 def print_table(rows):
@@ -281,14 +380,22 @@ def parse_options():
     parser.add_argument("--build", type=Path, default=ROOT / "build/release",
                         help="folder of a release build with PLUGINMGR_BENCH on")
     parser.add_argument("--quick", action="store_true", help="smaller and shorter, and noisier")
+    parser.add_argument("--before", type=Path, metavar="FILE",
+                        help="an older build of the daemon to count against")
+    parser.add_argument("--only", metavar="WORD", default="",
+                        help="only measurements with WORD in their name")
+    parser.add_argument("--svg", type=Path, metavar="FILE", help="write the plots there")
     parser.add_argument("--json", type=Path, metavar="FILE", help="write the rows there as well")
     options = parser.parse_args()
     options.build = options.build.resolve()
     options.bench = options.build / "bench"
     options.size = (32 if options.quick else 256) * MEGABYTE
     options.rounds = 3 if options.quick else 5
-    options.idle = 10 if options.quick else 60  # seconds
+    options.idle = 5 if options.quick else 10  # seconds, in each round
     options.queries = 10_000 if options.quick else 50_000
+    options.plugins = (1, 20) if options.quick else (1, 5, 10, 15, 20)
+    options.count_idle = 5 if options.quick else 10  # seconds
+    options.count_queries = 200 if options.quick else 1000
     options.details = {}
     return options
 
@@ -300,6 +407,8 @@ def main():
         scratch = Path(folder)
         write_package(scratch / "package", options.size)
         for name, measure in FIGURES:
+            if options.only not in name:
+                continue
             print(f"measuring: {name} ...", file=sys.stderr, flush=True)
             try:
                 rows += measure(options, scratch)
@@ -311,10 +420,12 @@ def main():
     print("PSS falls as others on the machine use the same libraries; read it on a quiet one.")
     for line in missing:
         print(line)
-    daemon, empty = (needed_libraries(options.build / name)
+    needed, empty = (needed_libraries(options.build / name)
                      for name in ("pluginmgr", "bench/empty_threads"))
-    if daemon and empty and daemon != empty:
-        print("the daemon and the empty program differ in libraries:", *sorted(daemon ^ empty))
+    if needed != empty:
+        print("the daemon and the empty program differ in libraries:", *sorted(needed ^ empty))
+    if options.svg and {"running", "growth"} <= options.details.keys():
+        write_plot(options.svg, options.details)
     if options.json:
         options.json.write_text(json.dumps(
             {"rows": rows, "missing": missing, **options.details}, indent=2) + "\n")

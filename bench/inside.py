@@ -25,6 +25,7 @@ SETTINGS = {"cloudserver": "off", "loglevel": None, "api_server": NOBODY,
 CONTROL_PORT = CONTROL_ADDRESS[1]
 ECHO_PORT = 6908
 START_SECONDS = 20
+CLIENTS = (1, 2, 4, 8, 16)
 SETTLE_SECONDS = 4  # until the first duties after the start are over
 
 
@@ -74,6 +75,7 @@ def idle(pid, seconds):
     return {
         "pss_kb": statistics.median(field(look, "Pss") for look in looks),
         "rss_kb": statistics.median(field(look, "Rss") for look in looks),
+        "dirty_kb": statistics.median(field(look, "Private_Dirty") for look in looks),
         "threads": len(tasks(pid)),
         "wakes_per_second": (wakes(pid) - wakes_before) / elapsed,
         "cpu_ms_per_minute": (cpu_ms(pid) - cpu_before) * 60 / elapsed,
@@ -86,17 +88,22 @@ def pin(pid, cpu):
         os.sched_setaffinity(int(task.name), {cpu})
 
 
-def ask(port, count, cpu):
-    done = subprocess.run([CLIENT, str(port), str(count)], stdin=subprocess.DEVNULL,
-                          capture_output=True, text=True,
+def pinned_cpu():
+    return max(os.sched_getaffinity(0))
+
+
+def ask(port, count, cpu, *more):
+    """What udp_client measures; more: the number of clients, the parameter's id."""
+    done = subprocess.run([str(word) for word in (CLIENT, port, count, *more)],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           preexec_fn=lambda: os.sched_setaffinity(0, {cpu}))
     if done.returncode != 0:
         raise RuntimeError(f"port {port}: {done.stderr.strip()}")
     return json.loads(done.stdout)
 
 
-def wait_for_answer(port, process, cpu):
-    deadline = time.monotonic() + START_SECONDS
+def wait_for_answer(port, process, cpu, seconds=START_SECONDS):
+    deadline = time.monotonic() + seconds
     while time.monotonic() < deadline:
         if process.poll() is not None:
             raise RuntimeError(f"{process.args[0]} ended with {process.returncode}")
@@ -109,23 +116,29 @@ def wait_for_answer(port, process, cpu):
 
 
 def compare_queries(options, daemon, echo, cpu):
+    """Medians for each number of clients: {"daemon": {"1": {...}, ...}, "echo": ...}."""
     for process in (daemon, echo):
         pin(process.pid, cpu)
-    ports = {"daemon_queries": CONTROL_PORT, "echo_queries": ECHO_PORT}
-    rounds = {name: [] for name in ports}
-    for name, port in ports.items():
+    ports = {"daemon": CONTROL_PORT, "echo": ECHO_PORT}
+    rounds = {name: {clients: [] for clients in CLIENTS} for name in ports}
+    for port in ports.values():
         ask(port, options.queries // 10, cpu)  # warms up
     for _ in range(options.rounds):
-        for name, port in ports.items():
-            rounds[name].append(ask(port, options.queries, cpu))
-    return {name: {key: statistics.median(one[key] for one in results) for key in results[0]}
-            for name, results in rounds.items()}
+        for clients in CLIENTS:
+            for name, port in ports.items():
+                rounds[name][clients].append(ask(port, options.queries, cpu, clients))
+    return {name: {clients: medians(results) for clients, results in by_clients.items()}
+            for name, by_clients in rounds.items()}
+
+
+def medians(results):
+    return {key: statistics.median(one[key] for one in results) for key in results[0]}
 
 
 @contextmanager
-def idle_device():
+def idle_device(binary=BUILD / "pluginmgr"):
     """The daemon with default log level and no agents; nobody sends it anything."""
-    device = Device(str(BUILD / "pluginmgr"))
+    device = Device(str(binary))
     device.reset(SETTINGS, agents=())
     try:
         yield device.start(ready=False)
@@ -133,31 +146,44 @@ def idle_device():
         device.kill_all()
 
 
-def idle_program(*arguments):
-    with running(BUILD / "bench/empty_threads", *arguments) as program:
+def idle_program(name, *arguments):
+    with running(BUILD / "bench" / name, *arguments) as program:
         time.sleep(1)
-        return idle(program.pid, 3)
+        return idle(program.pid, 2)
+
+
+PEERS = {"same libraries": ("empty_threads",), "C++ program": ("empty_cxx_threads",),
+         "same libraries, TLS set up": ("empty_threads", "tls")}
 
 
 def measure(options):
-    cpu = max(os.sched_getaffinity(0))
-    empty = [idle_program()]
-    result = {"tls_idle": idle_program("tls")}
-    with idle_device() as daemon:
-        wait_for_answer(CONTROL_PORT, daemon, cpu)
-        time.sleep(SETTLE_SECONDS)
-        result["daemon_idle"] = idle(daemon.pid, options.idle)
-        with running(BUILD / "bench/udp_echo", ECHO_PORT) as echo:
-            wait_for_answer(ECHO_PORT, echo, cpu)
-            result |= compare_queries(options, daemon, echo, cpu)
-    # Before and after, since what others on the machine load changes the shares of the libraries.
-    empty.append(idle_program())
-    result["empty_idle"] = {key: statistics.mean(one[key] for one in empty) for key in empty[0]}
-    return result
+    """Each round starts the daemon and its peers anew, since what others on the machine load
+    meanwhile changes the shares of the libraries."""
+    cpu = pinned_cpu()
+    looks = {name: [] for name in ("daemon", *PEERS)}
+    for left in reversed(range(options.rounds)):
+        for name, words in PEERS.items():
+            looks[name].append(idle_program(*words))
+        if options.before:
+            with idle_device(options.before) as daemon:
+                wait_for_answer(CONTROL_PORT, daemon, cpu)
+                time.sleep(SETTLE_SECONDS)
+                looks.setdefault("before", []).append(idle(daemon.pid, options.idle))
+        with idle_device() as daemon:
+            wait_for_answer(CONTROL_PORT, daemon, cpu)
+            time.sleep(SETTLE_SECONDS)
+            looks["daemon"].append(idle(daemon.pid, options.idle))
+            if left == 0:
+                with running(BUILD / "bench/udp_echo", ECHO_PORT) as echo:
+                    wait_for_answer(ECHO_PORT, echo, cpu)
+                    queries = compare_queries(options, daemon, echo, cpu)
+    return {"idle": {name: medians(results) for name, results in looks.items()},
+            "queries": queries}
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--before", help="an older build of the daemon")
     parser.add_argument("--rounds", type=int, required=True)
     parser.add_argument("--idle", type=float, required=True, help="seconds")
     parser.add_argument("--queries", type=int, required=True)

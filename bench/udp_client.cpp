@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// udp_client PORT COUNT: asks for the cloud mode COUNT times as the web server does, one request
-// at a time, and prints {"qps", "p50_us", "p99_us"}. An answer is whatever brings the request's
-// number back, so an echo will do. Ends with 1 when an answer stays out for two seconds.
+// udp_client PORT COUNT [CLIENTS [ID]]: asks for a parameter (80000, the cloud mode) COUNT times in
+// all as the web server does, one request at a time on each of the CLIENTS' sockets, and prints
+// {"qps", "p50_us", "p99_us"}. An answer is whatever brings the request's number back, so an echo
+// will do. Ends with 1 when an answer stays out for two seconds.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "base/handles.h"
@@ -23,6 +25,8 @@ using std::chrono::steady_clock;
 constexpr time_t ANSWER_SECONDS = 2;
 constexpr uint32_t ECHO_MARKER = 0x8888;
 constexpr size_t ANSWER_SIZE = 4096;
+constexpr int MAX_CLIENTS = 64;
+constexpr int CLOUD_MODE = 80000;
 
 // The control protocol's request, integers in host order.
 struct request {
@@ -34,7 +38,7 @@ struct request {
     uint32_t marker = ECHO_MARKER;
     uint8_t marker_flag = 0;
     uint8_t padding[3] = {};
-    char query[32] = "method=gw.config.get&id=80000";
+    char query[32] = {};
 };
 static_assert(sizeof(request) == 64);
 
@@ -75,38 +79,76 @@ void print_result(std::vector<steady_clock::duration>* times, steady_clock::dura
            microseconds((*times)[count / 2]), microseconds((*times)[count * 99 / 100]));
 }
 
-int measure(int fd, size_t count) {
-    std::vector<steady_clock::duration> times(count);
+struct client {
+    unique_fd fd;
+    std::vector<steady_clock::duration> times;
+    bool answered = true;
+};
+
+void ask_all(client* one, int id) {
     request question;
-    const auto start = steady_clock::now();
-    auto before = start;
-    for (auto& time : times) {
+    snprintf(question.query, sizeof(question.query), "method=gw.config.get&id=%d", id);
+    auto before = steady_clock::now();
+    for (auto& time : one->times) {
         question.cookie++;
-        if (!ask(fd, &question)) {
+        if (!ask(one->fd.get(), &question)) {
             perror("udp_client: no answer");
-            return 1;
+            one->answered = false;
+            return;
         }
         const auto after = steady_clock::now();
         time = after - before;
         before = after;
     }
-    print_result(&times, before - start);
+}
+
+bool prepare(std::vector<client>* clients, uint16_t port, size_t count) {
+    for (client& one : *clients) {
+        one.fd = unique_fd(connect_to(port));
+        one.times.resize(std::max<size_t>(count / clients->size(), 1));
+        if (!one.fd) {
+            perror("udp_client");
+            return false;
+        }
+    }
+    return true;
+}
+
+int measure(std::vector<client>* clients, int id) {
+    std::vector<std::thread> threads;
+    const auto start = steady_clock::now();
+    for (client& one : *clients) {
+        threads.emplace_back(ask_all, &one, id);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const auto whole = steady_clock::now() - start;
+    std::vector<steady_clock::duration> times;
+    for (const client& one : *clients) {
+        if (!one.answered) {
+            return 1;
+        }
+        times.insert(times.end(), one.times.begin(), one.times.end());
+    }
+    print_result(&times, whole);
     return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int port = argc == 3 ? to_int(argv[1]) : 0;
-    const int count = argc == 3 ? to_int(argv[2]) : 0;
-    if (port <= 0 || port > UINT16_MAX || count <= 0) {
-        fprintf(stderr, "usage: udp_client PORT COUNT\n");
+    const int port = argc > 2 ? to_int(argv[1]) : 0;
+    const int count = argc > 2 ? to_int(argv[2]) : 0;
+    const int number = argc > 3 ? to_int(argv[3]) : 1;
+    const int id = argc > 4 ? to_int(argv[4]) : CLOUD_MODE;
+    if (port <= 0 || port > UINT16_MAX || count <= 0 || number <= 0 || number > MAX_CLIENTS) {
+        fprintf(stderr, "usage: udp_client PORT COUNT [CLIENTS [ID]]\n");
         return 2;
     }
-    const unique_fd fd(connect_to(static_cast<uint16_t>(port)));
-    if (!fd) {
-        perror("udp_client");
+    std::vector<client> clients(static_cast<size_t>(number));
+    if (!prepare(&clients, static_cast<uint16_t>(port), static_cast<size_t>(count))) {
         return 1;
     }
-    return measure(fd.get(), static_cast<size_t>(count));
+    return measure(&clients, id);
 }
