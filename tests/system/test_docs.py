@@ -1,0 +1,111 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The documents: what they tell people to type is typed here, what they name is there.
+
+A block marked `sh` is typed into `./dev lab`; a comment "exit status N" allows that one. The lines of
+a block marked `text` have to come out, but for numbers and gaps. A block marked `sh elsewhere` cannot
+run here, for the reason in ELSEWHERE."""
+import json
+import os
+import pathlib
+import re
+import subprocess
+
+ROOT = pathlib.Path("/lab-src")
+PAGES = {path: path.read_text() for path in (ROOT / "README.md", *sorted(ROOT.glob("docs/*.md")))}
+SOURCES = [path.read_text() for path in ROOT.glob("src/*/*.cpp")]
+DEVELOPER = ("./dev ", "cmake ")  # of the machine outside; test_names looks at these
+ELSEWHERE = {"git clone": "no network", "cmake": "no SDK of a board", "mount": "no right to remount"}
+FOLDERS = "bench|cmake|deps|docs|lab|packaging|src|tests|tools"
+# What the board has and the lab's shell has not: the start script.
+BOARD = """cd /root
+mkdir -p /etc/init.d
+printf '#!/bin/sh\\nLAB_DEVICE=1 PATH=/bin:/sbin exec sh %s "$@"\\n' \
+    /lab-src/packaging/init/pluginmgr.sysv >/etc/init.d/pluginmgr
+chmod +x /etc/init.d/pluginmgr
+"""
+LITERALS = r'((?:"(?:[^"\\]|\\.)*"\s*)+)'
+# What is logged at the levels error, 0 and 1: the text behind the line number.
+CALLS = (r"\blog_(?:err\(|(?:msg|plain)\(LOG_\w+, [01],)(?:[^;]*?(?:__LINE__|getpid\(\)|\d\d),)?\s*"
+         + LITERALS)
+
+
+def commands(marking):
+    """(page, command, its comment) of all blocks of a marking, continued lines joined."""
+    for path, text in PAGES.items():
+        for block in re.findall(rf"^```{marking}\n(.*?)^```", text, re.M | re.S):
+            for line in block.replace("\\\n", " ").splitlines():
+                command, _, comment = line.partition(" # ")
+                if command.strip() and not command.startswith("#"):
+                    yield path.name, command.strip(), comment
+
+
+def shape(line):
+    return re.sub(r"\d+", "0", " ".join(line.split()))
+
+
+def test_commands():
+    typed = [one for one in commands("sh") if not one[1].startswith(DEVELOPER)]
+    script = BOARD + "".join(f"{command}\necho {number} $? >>/tmp/typed\n"
+                             for number, (_, command, _) in enumerate(typed)) + "cat /tmp/typed >&2\n"
+    done = subprocess.run(["/usr/bin/python3", "-m", "lab.shell"], input=script, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120)
+    ended = dict(re.findall(r"^(\d+) (\d+)$", done.stderr, re.M))
+    wrong = [(*one, ended.get(str(number))) for number, one in enumerate(typed) if ended.get(str(number))
+             not in (re.findall(r"exit status (\d+)(?: or (\d+))?", one[2]) or [("0",)])[0]]
+    shown = "\n".join(map(shape, (done.stdout + done.stderr).splitlines()))
+    wrong += [line for text in PAGES.values() for block in re.findall(r"^```text\n(.*?)^```", text, re.M | re.S)
+              for line in block.splitlines() if shape(line) not in shown]
+    assert typed and not wrong, (wrong, done.stdout, done.stderr)
+    assert all(any(command.startswith(one) for one in ELSEWHERE) for _, command, _ in commands("sh elsewhere"))
+
+
+def test_names():
+    """Chores, presets, build values, verbs, links and files of the tree that the pages name."""
+    chores = subprocess.check_output([ROOT / "dev", "help"], text=True) + "  help"
+    presets = json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
+    build = "".join(path.read_text() for path in (ROOT / "CMakeLists.txt", *ROOT.glob("cmake/*.cmake")))
+    verbs = subprocess.check_output(["/lab-build/pluginctl", "--help"], text=True)
+    known = ((r"\./dev ([a-z]+)", re.findall(r"^  ([a-z]+)", chores, re.M)),
+             (r"(?:--preset|\./dev build) (\w+)", [one["name"] for one in presets]),
+             (r"\b((?:PLUGINMGR|SDK)_[A-Z_]+)\b", re.findall(r"\w+", build)),
+             (r"(?:`|^)pluginctl ([a-z][a-z-]*)", re.findall(r"^  ([a-z-]+)", verbs, re.M)))
+    missing = [(path.name, name) for path, text in PAGES.items() for pattern, names in known
+               for name in re.findall(pattern, text, re.M) if name not in names]
+    anchors = {re.sub(r"[^\w -]", "", one.lower()).replace(" ", "-") for text in PAGES.values()
+               for one in re.findall(r"^#+ (.*)", text, re.M)}
+    for path, text in PAGES.items():
+        named = [path.parent / link for link in re.findall(r"\]\(([^)#:]+)[)#]", text)] + [
+            ROOT / name for name in re.findall(rf"`((?:{FOLDERS})/[\w./-]+)`", text)]
+        missing += [(path.name, str(name)) for name in named if not os.path.exists(name)]
+        missing += [(path.name, one) for one in re.findall(r"\(\S*?#([\w-]+)\)", text) if one not in anchors]
+    assert not missing
+
+
+def test_manuals():
+    control, settings = ((ROOT / "docs/man" / name).read_text() for name in ("pluginctl.1", "pluginmgr.ini.5"))
+    summary = subprocess.check_output(["/lab-build/pluginctl", "--help"], text=True)
+    for pattern, form in ((r"^  ((?:pbx )?[a-z][a-z-]+)", r"^\.It Cm {}\b"), (r"--([a-z]+)", r"^\.It .*Fl Fl {}\b"),
+                          (r"\b(80\d+)", r"\b{}\b")):
+        names = set(re.findall(pattern, summary, re.M))
+        assert names and [one for one in names if not re.search(form.format(one), control, re.M)] == []
+    items = {key: text for keys, text in re.findall(r"^\.It Ic (.*)\n((?:(?!\.It|\.El).*\n)*)", settings, re.M)
+             for key in keys.split(" , ")}
+    page = PAGES[ROOT / "docs/settings.md"].partition("## How values are taken")[0]
+    rows = re.findall(r"^\| `(\w+)` \|([^|]*)\|([^|]*)\|", page, re.M)
+    wrong = [(key, word) for key, *values in rows for word in re.findall(r"[\w./]+", " ".join(values))
+             if word not in ("none", "at", "least") and word not in items.get(key, "")]
+    assert {key for key, *_ in rows} == set(items) and not wrong
+
+
+def skeleton(text):
+    """The first line of a message or format, each value and each word in capitals as one sign."""
+    return re.sub("(%[-.*0-9]*(ll|l|z)?[a-z]|[A-Z][A-Z0-9_-]*)+", "%", text.partition("\\n")[0].strip())
+
+
+def test_log_messages():
+    """Each message of the page is in the sources; each error and each line of level 0 or 1 is on it."""
+    told = {skeleton(one) for one in re.findall(
+        r"^\| `(.*?)` \|", PAGES[ROOT / "docs/log-messages.md"].replace("\\|", "|"), re.M)}
+    there, wanted = ({skeleton("".join(re.findall(r'"((?:[^"\\]|\\.)*)"', one))) for text in SOURCES
+                      for one in re.findall(pattern, text)} for pattern in (LITERALS, CALLS))
+    assert told - there == set() == wanted - told - {"%"}
