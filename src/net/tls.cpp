@@ -119,7 +119,6 @@ void count_message(int sent, int /*version*/, int type, const void* /*message*/,
     }
 }
 
-// The TLS session on a connected socket. The caller closes conn after a failure.
 void initialise_library() {
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
@@ -132,6 +131,7 @@ void initialise_library() {
     }
 }
 
+// The TLS session on a connected socket. The caller closes conn after a failure.
 int open_tls(https_conn* conn, const char* host) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     (void)pthread_once(&once, initialise_library);
