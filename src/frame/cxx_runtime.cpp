@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The little of the C++ run-time library that the daemon calls: memory, and the ends of checks that
-// fail. With it here a board needs no libstdc++, and the process does not carry its 100 kB of
+// fail. With it here a board needs no libstdc++, and the process does not carry its 70 kB of
 // private pages. Nothing throws; what would, aborts, as it would without these. A compiler that
 // wants more finds it in libstdc++, which the linker then takes as well.
 // Release builds only: the sanitizers and the tests bring their own.

@@ -33,8 +33,8 @@ constexpr int GOT_REDIRECT = -2;  // of the receive functions; the buffer holds 
 // Whether tls_ca_file is set.
 bool tls_is_verified();
 
-// Once, before any connection. Main thread. The library itself, and with it a megabyte of private
-// memory, is only touched by the first connection.
+// Once, before any connection. Main thread. The library itself, and with it some 300 kB of
+// private memory, is only touched by the first connection.
 void ssl_library_init();
 
 // Resolves host with the system's resolver, then with the daemon's own. Stores the address in
