@@ -207,16 +207,13 @@ int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* f
     if (conn->ssl == nullptr) {
         return 0;
     }
-    const int flags = set_nonblocking(conn->socket);
-    const int result = receive({.kind = HTTPS_KIND,
-                                .stream = {.socket = conn->socket, .ssl = conn->ssl},
-                                .buffer = buffer,
-                                .size = size,
-                                .seconds = seconds,
-                                .file = file,
-                                .room = limit});
-    restore_flags(conn->socket, flags);
-    return result;
+    return receive({.kind = HTTPS_KIND,
+                    .stream = {.socket = conn->socket, .ssl = conn->ssl},
+                    .buffer = buffer,
+                    .size = size,
+                    .seconds = seconds,
+                    .file = file,
+                    .room = limit});
 }
 
 int recv_http(int socket, char* buffer, size_t size, int seconds, FILE* file, long long limit) {

@@ -26,19 +26,16 @@ constexpr long long NO_DEADLINE = -1;
 // tell; else -1 with errno set: ETIMEDOUT after a wait in vain.
 [[nodiscard]] int wait_until(int socket, short events, long long deadline);
 
-// Switches a socket to non-blocking. Its flags from before, for restore_flags.
-int set_nonblocking(int socket);
-void restore_flags(int socket, int flags);
+// When a send that begins now has to be over: ten times conn_timeout, which is 10 s at least.
+long long send_deadline();
+// Waits for events before the next step of a send that may take until end. False after
+// conn_timeout seconds, 10 at least, in vain, and when the time is over.
+[[nodiscard]] bool wait_to_send(int socket, short events, long long end);
 
-// How long a single write may make no headway: conn_timeout, 10 at least.
-int io_seconds();
-
-// An IPv4 stream socket whose blocking reads and writes end after io_seconds. -1 when there is
-// none, which is logged for function.
+// A non-blocking IPv4 stream socket. -1 when there is none, which is logged for function.
 [[nodiscard]] int new_tcp_socket(const char* function);
 
-// Where an answer comes from: TLS when ssl is set, else a plain socket. Borrows both. A TLS socket
-// must be non-blocking while it is read from.
+// Where an answer comes from: TLS when ssl is set, else a plain socket. Borrows both.
 struct net_stream {
     int socket = -1;
     ssl_st* ssl = nullptr;

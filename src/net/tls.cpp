@@ -32,7 +32,6 @@ constexpr int HTTPS_PORT = 443;
 constexpr int HANDSHAKE_SECONDS = 8;
 constexpr int HANDSHAKE_LIMIT = 10 * HANDSHAKE_SECONDS;
 constexpr int HANDSHAKE_RETRIES = 256;  // that come without a wait
-constexpr long long SEND_LIMIT = 10;    // the time of so many full waits is all a send may take
 constexpr size_t REASON_SIZE = 256;
 constexpr int HANDSHAKE_DONE = 1;
 constexpr int MAX_MESSAGES = 256;  // of TLS's own on one connection; an honest server sends a dozen
@@ -184,12 +183,10 @@ bool send_goes_on(const https_conn& conn, int error, long long end) {
     if (error != SSL_ERROR_WANT_WRITE && error != SSL_ERROR_WANT_READ) {
         return false;
     }
-    const short events = error == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
-    const long long deadline = std::min(deadline_in(io_seconds()), end);
-    return wait_until(conn.socket, events, deadline) == 0 && now_ms() < end;
+    return wait_to_send(conn.socket, error == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN, end);
 }
 
-// One write to a non-blocking socket, repeated until it is done. Bytes written, or less than 1.
+// One write, repeated until it is done. Bytes written, or less than 1.
 int write_tls(const https_conn& conn, const char* data, size_t length, long long end) {
     const int part = static_cast<int>(std::min<size_t>(length, INT_MAX));
     int count = 0;
@@ -201,7 +198,7 @@ int write_tls(const https_conn& conn, const char* data, size_t length, long long
 }
 
 int send_all(const https_conn& conn, const char* bytes, size_t length) {
-    const long long end = deadline_in(SEND_LIMIT * io_seconds());
+    const long long end = send_deadline();
     for (size_t sent = 0; sent < length;) {
         const int count = write_tls(conn, bytes + sent, length - sent, end);
         if (count < 1) {
@@ -225,7 +222,6 @@ void ssl_library_init() {
 }
 
 int ssl_connect_nonb(https_conn* conn) {
-    const int flags = set_nonblocking(conn->socket);
     const long long end = deadline_in(HANDSHAKE_LIMIT);
     int result = 0;
     for (int retries = 0; retries < HANDSHAKE_RETRIES;) {
@@ -240,7 +236,6 @@ int ssl_connect_nonb(https_conn* conn) {
         }
         retries += error == SSL_ERROR_WANT_READ ? 0 : 1;
     }
-    restore_flags(conn->socket, flags);
     return result;
 }
 
@@ -299,10 +294,7 @@ int send_https_buf(https_conn* conn, const void* data, size_t length) {
         log_err(__func__, __LINE__, "https doesn't connected");
         return FAILED;
     }
-    const int flags = set_nonblocking(conn->socket);
-    const int result = send_all(*conn, static_cast<const char*>(data), length);
-    restore_flags(conn->socket, flags);
-    return result;
+    return send_all(*conn, static_cast<const char*>(data), length);
 }
 
 int send_https_str(https_conn* conn, const char* text) {
@@ -324,12 +316,10 @@ bool has_pending(const net_stream& stream) {
 
 bool has_payload(const https_conn& conn) {
     char first = '\0';
-    const int flags = set_nonblocking(conn.socket);
     ERR_clear_error();
     const int count = SSL_peek(conn.ssl, &first, sizeof first);
     const int error = SSL_get_error(conn.ssl, count);
     ERR_clear_error();
-    restore_flags(conn.socket, flags);
     return error != SSL_ERROR_WANT_READ || SSL_has_pending(conn.ssl) == 1;
 }
 

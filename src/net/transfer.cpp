@@ -160,7 +160,7 @@ int upload(https_conn* conn, const char* host, const char* path, const char* fil
     char unread[CHUNK_SIZE] = {};
     for (int reads = 0; reads < LINGER_READS; reads++) {
         if (wait_readable(conn->socket, LINGER_SECONDS) != 0 ||
-            recv(conn->socket, unread, sizeof unread, MSG_DONTWAIT) <= 0) {
+            recv(conn->socket, unread, sizeof unread, 0) <= 0) {
             break;
         }
     }

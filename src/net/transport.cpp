@@ -2,12 +2,10 @@
 #include "net/transport.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <resolv.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,6 +27,7 @@ namespace {
 constexpr int MSS_ABOVE = 512;   // tcp_mss is applied between
 constexpr int MSS_BELOW = 1420;  // these two
 constexpr int MIN_IO_SECONDS = 10;
+constexpr long long SEND_LIMIT = 10;  // the time of so many full waits is all a send may take
 
 void apply_mss(int socket) {
     const int mss = to_int(text_of(pluginmgr_config.tcp_mss));
@@ -36,6 +35,16 @@ void apply_mss(int socket) {
         // The connection works without it.
         (void)setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &mss, sizeof mss);
     }
+}
+
+// Whether a call on a socket failed for now only.
+bool is_again(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+// How long a single write may make no headway.
+int io_seconds() {
+    return std::max(pluginmgr_config.conn_timeout, MIN_IO_SECONDS);
 }
 
 // What a pending connect came to, once the socket is writable. 0, or -1 with errno.
@@ -72,7 +81,7 @@ bool ask_system(const char* host, in_addr* address) {
 bool has_leftover(const https_conn& conn) {
     char first = '\0';
     const bool came = has_pending({.socket = conn.socket, .ssl = conn.ssl}) ||
-                      recv(conn.socket, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT) >= 0;
+                      recv(conn.socket, &first, sizeof first, MSG_PEEK) >= 0;
     return came && (conn.ssl == nullptr || has_payload(conn));
 }
 
@@ -118,31 +127,20 @@ int wait_until(int socket, short events, long long deadline) {
     }
 }
 
-int set_nonblocking(int socket) {
-    const int flags = fcntl(socket, F_GETFL);
-    (void)fcntl(socket, F_SETFL, flags | O_NONBLOCK);  // fails only without a socket
-    return flags;
+long long send_deadline() {
+    return deadline_in(SEND_LIMIT * io_seconds());
 }
 
-void restore_flags(int socket, int flags) {
-    (void)fcntl(socket, F_SETFL, flags);
-}
-
-int io_seconds() {
-    return std::max(pluginmgr_config.conn_timeout, MIN_IO_SECONDS);
+bool wait_to_send(int socket, short events, long long end) {
+    const long long deadline = std::min(deadline_in(io_seconds()), end);
+    return wait_until(socket, events, deadline) == 0 && now_ms() < end;
 }
 
 int new_tcp_socket(const char* function) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         log_err(function, __LINE__, "Socket Error: %s", strerror(errno));
-        return FAILED;
     }
-    timeval limit = {};
-    limit.tv_sec = io_seconds();
-    // A peer that takes nothing must not hold the sending thread for ever.
-    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     return fd;
 }
 
@@ -150,9 +148,8 @@ long read_stream(net_stream* stream, char* out, size_t size) {
     if (stream->ssl != nullptr) {
         return read_tls(stream, out, size);
     }
-    const ssize_t count = recv(stream->socket, out, size, MSG_DONTWAIT);
-    const bool again = count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
-    return again ? READ_AGAIN : count;
+    const ssize_t count = recv(stream->socket, out, size, 0);
+    return count < 0 && is_again(errno) ? READ_AGAIN : count;
 }
 
 int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size) {
@@ -186,7 +183,6 @@ int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size)
 
 int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seconds) {
     apply_mss(socket);
-    const int flags = set_nonblocking(socket);
     if (connect(socket, address, length) != 0) {
         // An interrupted connect goes on by itself, as a pending one does.
         if (errno != EINPROGRESS && errno != EINTR && errno != 0) {
@@ -201,11 +197,8 @@ int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seco
             errno = reason;
             return FAILED;
         }
-        if (connect_result(socket) != 0) {
-            return FAILED;  // still non-blocking: the caller closes it
-        }
+        return connect_result(socket);
     }
-    restore_flags(socket, flags);
     return 0;
 }
 
@@ -263,9 +256,10 @@ int send_http_buf(int socket, const void* data, size_t length) {
         return FAILED;
     }
     const auto* bytes = static_cast<const char*>(data);
+    const long long end = send_deadline();
     for (size_t sent = 0; sent < length;) {
         const ssize_t count = send(socket, bytes + sent, length - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR) {
+        if (count < 0 && is_again(errno) && wait_to_send(socket, POLLOUT, end)) {
             continue;
         }
         if (count < 1) {

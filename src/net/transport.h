@@ -41,7 +41,7 @@ void ssl_library_init();
 // conn and its dotted text in text (text_size bytes), each when given. 0 or ERR_RESOLVE.
 [[nodiscard]] int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size);
 
-// Connects within a time limit in seconds; 0 is no limit. 0, or -1 with errno set.
+// Connects a non-blocking socket within seconds; 0 is no limit. 0, or -1 with errno set.
 [[nodiscard]] int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seconds);
 
 // 0 when socket became readable within the seconds, else -1 with errno (ETIMEDOUT).
@@ -80,7 +80,7 @@ enum class peer_state { open, closed, unknown };
 [[nodiscard]] int recv_https(https_conn* conn, char* buffer, size_t size, int seconds, FILE* file,
                              long long limit = NO_LIMIT);
 
-// Plain HTTP: the descriptor is the caller's. -1 when there is no connection.
+// Plain HTTP: the descriptor, a non-blocking one, is the caller's. -1 when there is no connection.
 [[nodiscard]] int connect_http(const char* host, int port);
 [[nodiscard]] int send_http_buf(int socket, const void* data, size_t length);
 [[nodiscard]] int send_http_str(int socket, const char* text);

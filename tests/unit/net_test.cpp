@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The network client on sockets of the test's own: one end of a pair, or a TLS server in a thread.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
@@ -307,9 +306,8 @@ int segment_size_with(const char* setting) {
     loopback_socket server;
     socklen_t length = sizeof server.address;
     EXPECT_EQ(listen(server.fd.get(), 1), 0);
-    const unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     EXPECT_EQ(connect_nonb(client.get(), server.name(), length, 2), 0);
-    EXPECT_EQ(fcntl(client.get(), F_GETFL) & O_NONBLOCK, 0);
     int size = 0;
     length = sizeof size;
     EXPECT_EQ(getsockopt(client.get(), IPPROTO_TCP, TCP_MAXSEG, &size, &length), 0);
