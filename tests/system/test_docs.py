@@ -1,24 +1,31 @@
 # SPDX-License-Identifier: Apache-2.0
 """The documents: what they tell people to type is typed here, what they name is there.
 
-A block marked `sh` is typed into `./dev lab`; a comment "exit status N" allows that one. The lines of
-a block marked `text` have to come out, but for numbers and gaps. A block marked `sh elsewhere` cannot
-run here, for the reason in ELSEWHERE."""
+A block marked `sh` or `python`, and the examples of the manuals, are typed into `./dev lab`; a comment
+"exit status N" allows that one. The lines of a block marked `text` have to come out, but for numbers and
+gaps. A block marked `sh elsewhere` cannot run here, for the reason in ELSEWHERE."""
 import json
 import os
 import pathlib
 import re
 import subprocess
 
+import lab.shell
+
 ROOT = pathlib.Path("/lab-src")
-PAGES = {path: path.read_text() for path in (ROOT / "README.md", *sorted(ROOT.glob("docs/*.md")))}
+PAGES = {path: path.read_text() for path in (ROOT / "README.md", *sorted(ROOT.glob("docs/*.md")),
+                                             ROOT / "lab/README.md")}
+MANUALS = {name: (ROOT / "docs/man" / name).read_text().replace("\\e", "\\")
+           for name in ("pluginmgr.ini.5", "pluginctl.1", "pluginmgr.8")}
 SOURCES = [path.read_text() for path in ROOT.glob("src/*/*.cpp")]
-DEVELOPER = ("./dev ", "cmake ")  # of the machine outside; test_names looks at these
+DEVELOPER = ("./dev ", "cmake ", "python3 lab/")  # of the machine outside; test_names looks at these
 ELSEWHERE = {"git clone": "no network", "cmake": "no SDK of a board", "mount": "no right to remount"}
 FOLDERS = "bench|cmake|deps|docs|lab|packaging|src|tests|tools"
 # What the board has and the lab's shell has not: the start script.
 BOARD = """cd /root
 mkdir -p /etc/init.d
+echo secret >/run/password
+labctl offer cloud_phone 1.0.1
 printf '#!/bin/sh\\nLAB_DEVICE=1 PATH=/bin:/sbin exec sh %s "$@"\\n' \
     /lab-src/packaging/init/pluginmgr.sysv >/etc/init.d/pluginmgr
 chmod +x /etc/init.d/pluginmgr
@@ -27,16 +34,33 @@ LITERALS = r'((?:"(?:[^"\\]|\\.)*"\s*)+)'
 # What is logged at the levels error, 0 and 1: the text behind the line number.
 CALLS = (r"\blog_(?:err\(|(?:msg|plain)\(LOG_\w+, [01],)(?:[^;]*?(?:__LINE__|getpid\(\)|\d\d),)?\s*"
          + LITERALS)
+# Page, sources, and what in them has to be on it: methods, keys, ids; events, paths; files.
+DOCUMENTED = (
+    ("settings", "config/settings.cpp", r'\.key = "(\w+)"'),
+    ("control-protocol", "control/*.cpp", r'(?:"&?(?=gw\.|\w+=")|== "|with\("|\{(?=80\d{3}, ))([\w.]+)'),
+    ("control-protocol", "*/*.h", r"AGENT_\w+ = (0x\w+)"),
+    ("cloud-api", "cloud/events.cpp", r'\.name = "(\w+)"'),
+    ("cloud-api", "*/*.cpp", r'(?:"(?=/v1/)|[?&](?=\w+=%s))([\w/-]+)'),
+    ("files", "*/*", r'"/(?:var|tmp|etc|dev|proc)/(?!null)[\w./-]*?([\w.-]+)/?"'),
+)
 
 
-def commands(marking):
-    """(page, command, its comment) of all blocks of a marking, continued lines joined."""
-    for path, text in PAGES.items():
-        for block in re.findall(rf"^```{marking}\n(.*?)^```", text, re.M | re.S):
-            for line in block.replace("\\\n", " ").splitlines():
-                command, _, comment = line.partition(" # ")
-                if command.strip() and not command.startswith("#"):
-                    yield path.name, command.strip(), comment
+def blocks(marking):
+    return [(path.name, block) for path, text in PAGES.items()
+            for block in re.findall(rf"^```{marking}\n(.*?)^```", text, re.M | re.S)]
+
+
+def examples(name):
+    return name, re.search(r"^\.Sh EXAMPLES\n\.Bd .*\n((?:.*\n)*?)\.Ed", MANUALS[name], re.M)[1]
+
+
+def commands(texts):
+    """(page, command, its comment) of blocks, continued lines joined."""
+    for page, block in texts:
+        for line in block.replace("\\\n", " ").splitlines():
+            command, _, comment = line.partition(" # ")
+            if command.strip() and not command.startswith(("#", *DEVELOPER)):
+                yield page, command.strip(), comment
 
 
 def shape(line):
@@ -44,7 +68,10 @@ def shape(line):
 
 
 def test_commands():
-    typed = [one for one in commands("sh") if not one[1].startswith(DEVELOPER)]
+    alone, *programs = sorted(blocks("python"))  # the lab's README has a device of its own
+    subprocess.run(["/usr/bin/python3", "-c", alone[1]], timeout=60, check=True)
+    typed = [*commands(blocks("sh")), *((page, f"python3 - <<'END'\n{text}END", "") for page, text in programs),
+             *commands(map(examples, ("pluginctl.1", "pluginmgr.8")))]
     script = BOARD + "".join(f"{command}\necho {number} $? >>/tmp/typed\n"
                              for number, (_, command, _) in enumerate(typed)) + "cat /tmp/typed >&2\n"
     done = subprocess.run(["/usr/bin/python3", "-m", "lab.shell"], input=script, text=True,
@@ -53,22 +80,26 @@ def test_commands():
     wrong = [(*one, ended.get(str(number))) for number, one in enumerate(typed) if ended.get(str(number))
              not in (re.findall(r"exit status (\d+)(?: or (\d+))?", one[2]) or [("0",)])[0]]
     shown = "\n".join(map(shape, (done.stdout + done.stderr).splitlines()))
-    wrong += [line for text in PAGES.values() for block in re.findall(r"^```text\n(.*?)^```", text, re.M | re.S)
-              for line in block.splitlines() if shape(line) not in shown]
+    wrong += [line for _, block in blocks("text") for line in block.splitlines() if shape(line) not in shown]
     assert typed and not wrong, (wrong, done.stdout, done.stderr)
-    assert all(any(command.startswith(one) for one in ELSEWHERE) for _, command, _ in commands("sh elsewhere"))
+    assert all(block.startswith(tuple(ELSEWHERE)) for _, block in blocks("sh elsewhere"))
 
 
 def test_names():
-    """Chores, presets, build values, verbs, links and files of the tree that the pages name."""
+    """Chores, presets, build values, verbs, options, links and files of the tree that the pages name."""
     chores = subprocess.check_output([ROOT / "dev", "help"], text=True) + "  help"
     presets = json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]
     build = "".join(path.read_text() for path in (ROOT / "CMakeLists.txt", *ROOT.glob("cmake/*.cmake")))
     verbs = subprocess.check_output(["/lab-build/pluginctl", "--help"], text=True)
+    tools = [path for part in ("dev", "bench/*.py", "lab/**/*.py", "tests/*.py") for path in ROOT.glob(part)]
+    options = re.findall(r"--[a-z]+", "".join(path.read_text() for path in tools))
+    modules = [".".join(path.relative_to(ROOT).with_suffix("").parts) for path in ROOT.glob("lab/**/*")]
     known = ((r"\./dev ([a-z]+)", re.findall(r"^  ([a-z]+)", chores, re.M)),
              (r"(?:--preset|\./dev build) (\w+)", [one["name"] for one in presets]),
              (r"\b((?:PLUGINMGR|SDK)_[A-Z_]+)\b", re.findall(r"\w+", build)),
-             (r"(?:`|^)pluginctl ([a-z][a-z-]*)", re.findall(r"^  ([a-z-]+)", verbs, re.M)))
+             (r"(?:`|^)pluginctl ([a-z][a-z-]*)", re.findall(r"^  ([a-z-]+)", verbs, re.M)),
+             (r"(?:`|^)labctl ([a-z]+)", [*lab.shell.commands(), "help"]),
+             (r"^(?:\./dev|python3 lab)\b[^#\n]* (--[a-z]+)", options), (r"\b(lab\.[a-z][\w.]*\w)", modules))
     missing = [(path.name, name) for path, text in PAGES.items() for pattern, names in known
                for name in re.findall(pattern, text, re.M) if name not in names]
     anchors = {re.sub(r"[^\w -]", "", one.lower()).replace(" ", "-") for text in PAGES.values()
@@ -82,7 +113,7 @@ def test_names():
 
 
 def test_manuals():
-    control, settings = ((ROOT / "docs/man" / name).read_text() for name in ("pluginctl.1", "pluginmgr.ini.5"))
+    settings, control, _ = MANUALS.values()
     summary = subprocess.check_output(["/lab-build/pluginctl", "--help"], text=True)
     for pattern, form in ((r"^  ((?:pbx )?[a-z][a-z-]+)", r"^\.It Cm {}\b"), (r"--([a-z]+)", r"^\.It .*Fl Fl {}\b"),
                           (r"\b(80\d+)", r"\b{}\b")):
@@ -95,6 +126,15 @@ def test_manuals():
     wrong = [(key, word) for key, *values in rows for word in re.findall(r"[\w./]+", " ".join(values))
              if word not in ("none", "at", "least") and word not in items.get(key, "")]
     assert {key for key, *_ in rows} == set(items) and not wrong
+    used = {key for _, block in (*blocks("ini"), examples("pluginmgr.ini.5"))
+            for key in re.findall(r"^ *(\w+) *=", block, re.M)}
+    assert used and used <= set(items)
+
+
+def test_documented():
+    for page, files, pattern in DOCUMENTED:
+        words = {word for path in (ROOT / "src").glob(files) for word in re.findall(pattern, path.read_text())}
+        assert words and [word for word in words if word not in PAGES[ROOT / f"docs/{page}.md"]] == [], page
 
 
 def skeleton(text):
