@@ -19,7 +19,7 @@ from .platform.host import FAULTS
 
 CONTROL = "/run/lab/labctl.socket"
 SETTINGS = {"cloudserver": "on", "active_token": "token-of-the-owner"}
-LABCTL = b'#!/bin/sh\nexec /usr/bin/python3 -m lab.shell "$@"\n'
+LABCTL = b'#!/bin/sh\nexec /usr/bin/python3 -m lab.shell "${@:-help}"\n'
 PROMPT = r"\[\e[1;36m\]device\[\e[0m\]:\w# "
 PAGE = """
   A device runs here, with its cloud platform around it. Nothing of it touches your machine;

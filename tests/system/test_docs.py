@@ -30,6 +30,9 @@ printf '#!/bin/sh\\nLAB_DEVICE=1 PATH=/bin:/sbin exec sh %s "$@"\\n' \
     /lab-src/packaging/init/pluginmgr.sysv >/etc/init.d/pluginmgr
 chmod +x /etc/init.d/pluginmgr
 """
+# The exchanges of that page, but for those that restart the daemon.
+PROTOCOL = PAGES[ROOT / "docs/control-protocol.md"]
+REQUESTS = re.findall(r"^> (method=(?!.*id800(?:00|14)=).*)", PROTOCOL, re.M)
 LITERALS = r'((?:"(?:[^"\\]|\\.)*"\s*)+)'
 # What is logged at the levels error, 0 and 1: the text behind the line number.
 CALLS = (r"\blog_(?:err\(|(?:msg|plain)\(LOG_\w+, [01],)(?:[^;]*?(?:__LINE__|getpid\(\)|\d\d),)?\s*"
@@ -37,7 +40,8 @@ CALLS = (r"\blog_(?:err\(|(?:msg|plain)\(LOG_\w+, [01],)(?:[^;]*?(?:__LINE__|get
 # Page, sources, and what in them has to be on it: methods, keys, ids; events, paths; files.
 DOCUMENTED = (
     ("settings", "config/settings.cpp", r'\.key = "(\w+)"'),
-    ("control-protocol", "control/*.cpp", r'(?:"&?(?=gw\.|\w+=")|== "|with\("|\{(?=80\d{3}, ))([\w.]+)'),
+    ("control-protocol", "control/*.cpp",
+     r'(?:"&?(?=gw\.|\w+=")|== "|with\("|\{(?=80\d{3}, )|reply, "|\\"(?=\w+\\":))([\w.]+)'),
     ("control-protocol", "*/*.h", r"AGENT_\w+ = (0x\w+)"),
     ("cloud-api", "cloud/events.cpp", r'\.name = "(\w+)"'),
     ("cloud-api", "*/*.cpp", r'(?:"(?=/v1/)|[?&](?=\w+=%s))([\w/-]+)'),
@@ -71,6 +75,7 @@ def test_commands():
     alone, *programs = sorted(blocks("python"))  # the lab's README has a device of its own
     subprocess.run(["/usr/bin/python3", "-c", alone[1]], timeout=60, check=True)
     typed = [*commands(blocks("sh")), *((page, f"python3 - <<'END'\n{text}END", "") for page, text in programs),
+             *(("control-protocol.md", f"pluginctl raw '{one}'", "exit status 0 or 1") for one in REQUESTS),
              *commands(map(examples, ("pluginctl.1", "pluginmgr.8")))]
     script = BOARD + "".join(f"{command}\necho {number} $? >>/tmp/typed\n"
                              for number, (_, command, _) in enumerate(typed)) + "cat /tmp/typed >&2\n"
@@ -135,6 +140,8 @@ def test_documented():
     for page, files, pattern in DOCUMENTED:
         words = {word for path in (ROOT / "src").glob(files) for word in re.findall(pattern, path.read_text())}
         assert words and [word for word in words if word not in PAGES[ROOT / f"docs/{page}.md"]] == [], page
+    known = "".join((*SOURCES, (ROOT / "lab/platform/cloud.py").read_text()))
+    assert {key for key in re.findall(r'"(\w+)\\?":', PROTOCOL) if f'"{key}' not in known} == set()
 
 
 def skeleton(text):
