@@ -30,8 +30,9 @@ LIMIT = 420  # seconds that one job may take
 REPORT = "sanitizer"  # reports go to files whose names begin so
 SANITIZERS = {
     "ASAN_OPTIONS": f"log_path=/lab-out/{REPORT} verify_asan_link_order=0",  # faketime is first
+    # Without its second at exit, in which the daemon's successor would still find it running.
     "TSAN_OPTIONS": f"log_path=/lab-out/{REPORT} exitcode=0 report_thread_leaks=0 "
-                    "suppressions=/lab-src/tests/tsan.supp",
+                    "atexit_sleep_ms=0 suppressions=/lab-src/tests/tsan.supp",
 }
 FUZZ = ROOT / "tests" / "fuzz"
 FUZZ_SECONDS = 4
