@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The little of the C++ run-time library that the daemon calls: memory, and the ends of checks that
-// fail. With it here a board needs no libstdc++, and the process does not carry its 70 kB of
+// The little of the C++ run-time library that daemon and pluginctl call: memory, and the ends of
+// checks that fail. With it here a board needs no libstdc++, and no process carries its 70 kB of
 // private pages. Nothing throws; what would, aborts, as it would without these. A compiler that
-// wants more finds it in libstdc++, which the linker then takes as well.
+// wants more finds it in libstdc++, which the linker then takes as well; weak, for in a static
+// program it then meets these again there.
 // Release builds only: the sanitizers and the tests bring their own.
 #include <cstdlib>
 #include <new>
@@ -38,19 +39,19 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl58-cpp,cert-dcl50-cpp)
 namespace std {
 
-void __throw_bad_alloc() {
+__attribute__((weak)) void __throw_bad_alloc() {
     abort();
 }
 
-void __throw_logic_error(const char* /*what*/) {
+__attribute__((weak)) void __throw_logic_error(const char* /*what*/) {
     abort();
 }
 
-void __throw_length_error(const char* /*what*/) {
+__attribute__((weak)) void __throw_length_error(const char* /*what*/) {
     abort();
 }
 
-void __throw_out_of_range_fmt(const char* /*what*/, ...) {
+__attribute__((weak)) void __throw_out_of_range_fmt(const char* /*what*/, ...) {
     abort();
 }
 

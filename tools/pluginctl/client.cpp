@@ -9,9 +9,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "control/boa_protocol.h"
 
@@ -89,8 +89,9 @@ ending next_reply(const client& from, double deadline, reply* out) {
 }  // namespace
 
 double seconds_now() {
-    using namespace std::chrono;
-    return duration<double>(steady_clock::now().time_since_epoch()).count();
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 bool open_client(client* to) {

@@ -2,7 +2,6 @@
 #include "qr_image.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace {
 
@@ -42,8 +41,7 @@ size_t count_modules(const gray_image& image, const box& area) {
     if (edge < FINDER) {
         return 0;
     }
-    const double module = static_cast<double>(edge) / FINDER;
-    const auto size = static_cast<size_t>(std::lround(static_cast<double>(area.width()) / module));
+    const size_t size = (2 * area.width() * FINDER + edge) / (2 * edge);  // rounded
     const bool possible = size >= MIN_SIZE && size <= MAX_SIZE && size % 4 == 1;
     return possible ? size : 0;
 }
