@@ -392,6 +392,19 @@ int ini_get(const char* path, std::string_view section, std::string_view key, ch
     return code;
 }
 
+bool ini_mentions(const char* path, std::string_view key) {
+    const file_lock lock;
+    line_reader in = {};
+    in.file.reset(fopen(path, "re"));
+    while (in.file && next_line(&in) == 0) {
+        const std::string_view line = without_leading(in.line, " \t");
+        if (line == key || (line.starts_with(key) && line.find_first_of(" \t=") == key.size())) {
+            return true;
+        }
+    }
+    return false;
+}
+
 int ini_set(const char* path, const char* section, const char* key, const char* value) {
     if (!is_storable(section, key, value)) {
         log_msg(LOG_SYSTEM, 0, __func__, __LINE__,

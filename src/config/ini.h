@@ -34,6 +34,9 @@ struct ini_name {
 [[nodiscard]] int ini_get(const char* path, std::string_view section, std::string_view key,
                           char* out, size_t size);
 
+// Whether a line begins with the key, in whatever section and behind whatever broken lines.
+[[nodiscard]] bool ini_mentions(const char* path, std::string_view key);
+
 // Writes one value: replaces the key's line, or inserts it right after the section's head, or
 // appends section and key to the file, which is created when missing. A value that would not read
 // back as it is (with a line end, a closing '+', too long for its line) is refused with

@@ -2,7 +2,6 @@
 #include "config/settings.h"
 
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <span>
 
@@ -99,21 +98,10 @@ bool read_number(const char* path, const setting& row, int32_t* out) {
     return true;
 }
 
-bool mentions(const char* path, const char* key) {
-    char line[INI_MAX_LINE] = {};
-    const file_ptr file(fopen(path, "re"));
-    while (file && fgets(line, sizeof line, file.get()) != nullptr) {
-        if (strstr(line, key) != nullptr) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// A file with a broken line loses the settings behind it. This one must not be lost: a text that is
-// no file of authorities refuses every connection.
+// A broken line loses the settings behind it. This one must not be lost: a text that is no file of
+// authorities refuses every connection.
 void keep_protection(const char* path, const setting& row, int code, std::span<char> field) {
-    if (code != 0 && code != INI_NO_SECTION && code != INI_NO_KEY && mentions(path, row.key)) {
+    if (code != 0 && ini_mentions(path, row.key)) {
         log_err(__func__, __LINE__, "%s in %s can't be read, code %d", row.key, path, code);
         copy_text(field.data(), field.size(), "unreadable setting");
     }

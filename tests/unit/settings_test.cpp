@@ -59,8 +59,19 @@ TEST_F(settings_files, without_a_file_the_defaults_hold) {
 }
 
 TEST_F(settings_files, a_broken_line_does_not_switch_verification_off) {
-    EXPECT_STRNE(load("[Config]\nno key\ntls_ca_file=/ca.pem\n").tls_ca_file, "");
-    EXPECT_STREQ(load("[Config]\nno key\n").tls_ca_file, "");
+    const std::string setting = " tls_ca_file =/ca.pem\n";
+    for (const char* before : {"[Config]\nno key\n", "[Config\n", "Config]\n", "[config]\n",
+                               "[Config]\nactive_token=abc+\n"}) {
+        EXPECT_STRNE(load(before + setting).tls_ca_file, "") << before;
+    }
+    EXPECT_STRNE(load("[Config]\nno key" + std::string(600, '\0') + setting).tls_ca_file, "")
+        << "a page that a power cut left empty";
+    EXPECT_STRNE(load("[Config]\ntls_ca_file /ca.pem\n").tls_ca_file, "");
+    EXPECT_STRNE(load("[Config]\ntls_ca_file\n").tls_ca_file, "");
+    for (const char* other : {"no key\n", "#tls_ca_file=/ca.pem\nno key\n", "no_tls_ca_file=/x\n",
+                              "tls_ca_file_of_old=/x\n"}) {
+        EXPECT_STREQ(load(std::string("[Config]\n") + other).tls_ca_file, "") << other;
+    }
 }
 
 TEST_F(settings_files, numbers) {
