@@ -104,6 +104,9 @@ void on_signal(int signo) {
         log_from_signal(LOG_LINE, line.text);
     }
     shouldExit++;
+    if (signo == SIGSEGV || signo == SIGBUS || signo == SIGILL) {
+        (void)signal(signo, SIG_DFL);  // or a real fault would come again for ever
+    }
 }
 
 void block_sigpipe() {

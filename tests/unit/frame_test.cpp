@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,6 +73,18 @@ TEST(Signals, AreCountedInAChildAndFiveAreLogged) {
     EXPECT_NE(text.find(" ignore signal 15 from children or thread!!! mainPid 1 curPid "),
               std::string::npos);
     EXPECT_NE(text.find(", shouldExit=4\n"), std::string::npos);
+}
+
+TEST(Signals, AFaultEndsAChild) {
+    EXPECT_EQ(in_child([] {
+                  alarm(10);  // ends one that goes back to its fault for ever
+                  mainPid = getppid();
+                  install_signal_handlers();
+                  void* page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                  *static_cast<volatile char*>(page) = 1;
+                  return 0;
+              }),
+              -SIGSEGV);
 }
 
 TEST(Signals, ABrokenPipeOfTheStartUpIsForgotten) {
