@@ -164,3 +164,5 @@ def test_usage_errors_and_help_need_nobody(device):
         assert (code, out) == (USAGE, "") and error, line
     assert run("--help")[1].startswith("Usage: pluginctl ") and run("--help")[::2] == (DONE, "")
     assert run("--version") == (DONE, f"pluginctl {VERSION}\n", "")
+    with open("/dev/full", "w") as full:
+        assert subprocess.run(["/lab-build/pluginctl", "--version"], stdout=full).returncode == NOT_DONE

@@ -8,7 +8,7 @@
 #include "client.h"
 
 constexpr int EXIT_DONE = 0;
-constexpr int EXIT_NOT_DONE = 1;  // the daemon answered with an error, or the upgrade failed
+constexpr int EXIT_NOT_DONE = 1;  // an error was answered, the upgrade failed, the disk is full
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_NOBODY = 3;  // no answer
 

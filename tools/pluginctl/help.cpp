@@ -86,7 +86,8 @@ Options:
 Exit status:
   0  done
   1  pluginmgr answered with an error code, or the upgrade failed or is not
-     possible, or nobody scanned the code in time
+     possible, or nobody scanned the code in time; or the output could not
+     be written
   2  the command line is wrong, or a value cannot be sent
   3  nobody answered
 

@@ -178,9 +178,14 @@ bool takes_options(const verb& chosen, const options& given) {
 int run_verb(const verb& chosen, const options& given, arguments words) {
     const int count = static_cast<int>(words.size());
     client daemon;
-    if (count < chosen.min_arguments || count > chosen.max_arguments) {
-        complain("%s%s%s: wrong number of arguments", chosen.name.data(),
-                 chosen.second.empty() ? "" : " ", chosen.second.data());
+    if (count < chosen.min_arguments) {
+        complain("%s needs an argument", chosen.name.data());
+        return usage_error();
+    }
+    if (count > chosen.max_arguments) {
+        complain("%s%s%s: '%s' is an argument too many", chosen.name.data(),
+                 chosen.second.empty() ? "" : " ", chosen.second.data(),
+                 words[static_cast<size_t>(chosen.max_arguments)]);
         return usage_error();
     }
     if (!takes_options(chosen, given)) {
@@ -194,9 +199,7 @@ int run_verb(const verb& chosen, const options& given, arguments words) {
     return chosen.run({daemon, timeout, given.json, given.watch, given.wait, given.from}, words);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     options given;
     const int result = parse_options(argc, argv, &given);
     if (result >= 0) {
@@ -212,4 +215,15 @@ int main(int argc, char** argv) {
         return usage_error();
     }
     return run_verb(*chosen, given, words.subspan(chosen->second.empty() ? 1 : 2));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int result = run(argc, argv);
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) {
+        return result;
+    }
+    complain("not all of the output could be written");
+    return result == EXIT_DONE ? EXIT_NOT_DONE : result;
 }
