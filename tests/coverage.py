@@ -8,6 +8,7 @@ every line that was not reached, those that hand on or log a failure first; html
 the sources. --report only prints again what the last run counted.
 """
 
+import argparse
 import collections
 import os
 import pathlib
@@ -109,7 +110,9 @@ def report():
 
 
 def main(arguments):
-    failed = 0 if "--report" in arguments else run_all()
+    parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
+    parser.add_argument("--report", action="store_true", help="print the last run again")
+    failed = 0 if parser.parse_args(arguments).report else run_all()
     report()
     return 1 if failed else 0
 

@@ -128,6 +128,10 @@ def test_cancel_ends_a_watched_download(platform, enrolled):
 
 
 UNANSWERED = "answers other queries but not this one"
+NOT_CHECKED = """PLUG-IN      VERSION  NEW  STATE  SIZE
+cloud_phone  1.0.0    -    idle      -
+pluginmgr    1.2.10   -    idle      -
+"""
 
 
 @pytest.mark.parametrize("words, code, out, error", [
@@ -135,6 +139,7 @@ UNANSWERED = "answers other queries but not this one"
     (["cancel", "cloud_tv"], NOT_DONE, "", f"no plug-in cloud_tv; it has: {NAME}, pluginmgr\n"),
     (["update", NAME, "--watch"], NOT_DONE, "", "no newer version is known"),
     (["raw", "method=gw.app.action&pluginName=x"], NOT_DONE, '{"result":"error","code":91}\n', "code 91"),
+    (["check"], NOT_DONE, NOT_CHECKED, "the check did not end"),
     (["raw", "nothing that is answered"], NOBODY, "", UNANSWERED), (["get", "81234"], NOBODY, "", UNANSWERED)],
     ids=str)
 def test_what_cannot_be_done(device, words, code, out, error):

@@ -86,10 +86,10 @@ Options:
 Exit status:
   0  done
   1  pluginmgr answered with an error code, or the upgrade failed or is not
-     possible, or nobody scanned the code in time; or the output could not
-     be written
+     possible, or nobody scanned the code in time, or a check did not end;
+     or the output could not be written
   2  the command line is wrong, or a value cannot be sent
-  3  nobody answered
+  3  nobody answered, or nobody answers such a request
 
 pluginmgr listens on 127.0.0.1, UDP port 6907, and on the Unix socket
 /var/run/pluginmgr_ctl: pluginctl works only on the device itself.

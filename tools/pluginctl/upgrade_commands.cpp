@@ -214,21 +214,23 @@ int run_check(const command_context& context, arguments) {
     if (end != ending::ANSWERED) {
         return nobody(end);
     }
-    if (seconds_now() - started > DAEMON_PATIENCE) {
+    const bool ended = seconds_now() - started <= DAEMON_PATIENCE;
+    if (!ended) {
         complain(
             "the check did not end in 20 seconds, what follows may be old. There is no check "
             "in the\nmodes ums and disable, nor before the device is activated.");
     }
+    const int result = ended ? EXIT_DONE : EXIT_NOT_DONE;
     if (context.json) {
         print_as_it_came(reply);
-        return EXIT_DONE;
+        return result;
     }
     const auto list = read_plugins(reply);
     if (!list) {
         return unreadable(reply);
     }
     print_plugins(*list);
-    return EXIT_DONE;
+    return result;
 }
 
 int run_update(const command_context& context, arguments words) {
