@@ -4,7 +4,7 @@
 
 Every pair is measured in this run, alternating, and the medians are compared, so that what the
 machine does meanwhile hits both. Targets are printed, never enforced: the exit status only tells
-whether everything could be measured. The running daemon is measured in the lab's sandbox
+whether everything could be measured, services that are not installed apart. The running daemon is measured in the lab's sandbox
 (inside.py, growth.py, costs.py, peers.py); digests and downloads, which need no device, outside it.
 """
 import argparse
@@ -34,6 +34,10 @@ SANDBOX_SECONDS = 900
 # that come once in 30 seconds.
 DOCUMENTED_TICKS = 1 + 10 + 10
 TICKS_LIMIT = DOCUMENTED_TICKS + 0.5
+
+# What the figures depend on, besides the daemon.
+PACKAGES = ("libc6", "libssl3", "libjson-c5", "openssl", "wget", "curl", "nginx-light", "nginx", "rauc",
+            "swupdate", "mender-client", "strace", "valgrind")
 
 # No proxies and no start-up files of the person who runs this.
 CLEAN_ENVIRONMENT = {"PATH": os.environ["PATH"], "HOME": "/nonexistent", "LC_ALL": "C"}
@@ -300,15 +304,15 @@ def growth_rows(options, _scratch):
 
 
 def footprint_rows(options, _scratch):
-    found = options.details["footprint"] = measure_inside(options, "peers")
-    ours = found.pop("pluginmgr")
-    if not found:
-        raise Missing("neither rauc, swupdate nor mender-client is installed")
-    return [row(figure, f"{ours[key]:.0f} KB", f"{name} {peer[key]:.0f} KB", ours[key] / peer[key])
+    found = options.details["footprint"] = measure_inside(options, "peers", "--rounds", options.rounds)
+    options.remarks += [f"{name}: not installed, nothing to compare with" for name in found["absent"]]
+    options.missing += [f"{name}: ended at once, not measured" for name in found["ended"]]
+    ours, *peers = found["idle"].items()
+    return [row(figure, f"{ours[1][key]:.0f} KB", f"{name} {peer[key]:.0f} KB", ours[1][key] / peer[key])
             for key, figure in (("pss_kb", "idle PSS, beside services"),
                                 ("dirty_kb", "idle private dirty, beside services"),
                                 ("disk_kb", "program and libraries"))
-            for name, peer in found.items()]
+            for name, peer in peers]
 
 
 def cost_rows(options, scratch):
@@ -333,6 +337,20 @@ FIGURES = [("queries and idle daemon", running_rows), ("package signature", dige
            ("HTTPS download", download_rows), ("stripped size", size_rows),
            ("growth", growth_rows), ("footprint of other services", footprint_rows),
            ("system calls and instructions", cost_rows)]
+
+
+def output_of(*command):
+    return subprocess.run(command, capture_output=True, text=True, cwd=ROOT).stdout
+
+
+def conditions(options):
+    """Lines that say what was measured, on what, and against which versions."""
+    compiler = re.findall(r"\]\s+(\S.*)", output_of("readelf", "-p", ".comment", options.build / "pluginmgr"))
+    processor = re.findall(r"^model name\s*: (.*)", Path("/proc/cpuinfo").read_text(), re.M) or [os.uname().machine]
+    packages = output_of("dpkg-query", "-W", "-f", "${Package} ${Version}, ", *PACKAGES)
+    return [f"pluginmgr of commit {output_of('git', 'describe', '--always', '--dirty').strip()}, "
+            f"{', '.join(compiler)}", f"Linux {os.uname().release}, {os.cpu_count()} x {processor[0]}",
+            packages.rstrip(", ")]
 
 
 def write_plot(path, details):
@@ -396,13 +414,14 @@ def parse_options():
     options.plugins = (1, 20) if options.quick else (1, 5, 10, 15, 20)
     options.count_idle = 5 if options.quick else 10  # seconds
     options.count_queries = 200 if options.quick else 1000
-    options.details = {}
+    options.details, options.remarks, options.missing = {}, [], []
+    if not any(options.only in name for name, _ in FIGURES):
+        parser.error("the measurements are: " + ", ".join(name for name, _ in FIGURES))
     return options
 
 
-def main():
-    options = parse_options()
-    rows, missing = [], []
+def measure_all(options):
+    rows = []
     with tempfile.TemporaryDirectory(prefix="bench-", dir=scratch_place()) as folder:
         scratch = Path(folder)
         write_package(scratch / "package", options.size)
@@ -413,23 +432,33 @@ def main():
             try:
                 rows += measure(options, scratch)
             except (Missing, OSError, ValueError, subprocess.TimeoutExpired) as problem:
-                missing.append(f"{name}: not measured, {problem}")
+                options.missing.append(f"{name}: not measured, {problem}")
+    return rows
+
+
+def main():
+    options = parse_options()
+    described = conditions(options)
+    rows = measure_all(options)
     print_table(rows)
-    print(f"medians of {options.rounds} alternating runs; {os.cpu_count()} processors; "
-          f"load {os.getloadavg()[0]:.1f}")
+    print(*described, sep="\n")
+    print(f"medians of {options.rounds} alternating runs; load {os.getloadavg()[0]:.1f}")
     print("PSS falls as others on the machine use the same libraries; read it on a quiet one.")
-    for line in missing:
-        print(line)
     needed, empty = (needed_libraries(options.build / name)
                      for name in ("pluginmgr", "bench/empty_threads"))
     if needed != empty:
-        print("the daemon and the empty program differ in libraries:", *sorted(needed ^ empty))
+        options.remarks.append("the daemon and the empty program differ in libraries: "
+                               + " ".join(sorted(needed ^ empty)))
     if options.svg and {"running", "growth"} <= options.details.keys():
         write_plot(options.svg, options.details)
+    elif options.svg:
+        options.missing.append(f"{options.svg}: not drawn, it takes the running daemon and its growth")
+    print(*options.remarks, *options.missing, sep="\n", end="\n" if options.remarks + options.missing else "")
     if options.json:
         options.json.write_text(json.dumps(
-            {"rows": rows, "missing": missing, **options.details}, indent=2) + "\n")
-    return 1 if missing else 0
+            {"conditions": described, "rows": rows, "missing": options.missing, **options.details},
+            indent=2) + "\n")
+    return 1 if options.missing else 0
 
 
 if __name__ == "__main__":

@@ -2,8 +2,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """The part of the bench about footprint, in the sandbox: the idle services of Debian that do a like
 job, as far as they are installed. Each has a configuration that lets it start and nothing to do.
-Prints one line of JSON: {name: {"pss_kb", "dirty_kb", "processes", "disk_kb"}}, disk_kb being the
-program and all libraries that it loads."""
+Prints one line of JSON: {"idle": {name: {"pss_kb", "dirty_kb", "processes", "disk_kb"}}, "absent":
+names of those that are not installed, "ended": of those that did not stay}; disk_kb is the program
+and all libraries that it loads, the rest medians of looks at one after the other."""
+import argparse
 import json
 import os
 import re
@@ -14,7 +16,7 @@ import time
 from contextlib import ExitStack
 from pathlib import Path
 
-from inside import BUILD, START_SECONDS, field, idle_device
+from inside import BUILD, START_SECONDS, field, idle_device, medians
 
 SETTLE_SECONDS = 5
 KEY = "/etc/peer.pem"
@@ -47,6 +49,7 @@ PEERS = {
     "swupdate": ("swupdate", "-k", KEY, "-w", "-r /tmp -p 8089"),
     "mender": ("mender", "--data", "/var/lib/mender", "daemon"),
 }
+NEEDS = {"rauc service": "dbus-daemon"}
 
 
 def write_files():
@@ -86,9 +89,12 @@ def quietly(*command):
                             env=os.environ | {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + BUS})
 
 
-def main():
-    write_files()
-    result = {}
+def installed(name, command):
+    return all(shutil.which(program) for program in (command[0], NEEDS.get(name, command[0])))
+
+
+def measure(rounds):
+    present = {name: command for name, command in PEERS.items() if installed(name, command)}
     with ExitStack() as cleanup:
         def run(*command):
             process = quietly(*command)
@@ -99,14 +105,27 @@ def main():
             run("dbus-daemon", "--config-file=/etc/bus.conf", "--nofork")
             time.sleep(1)
         daemon = cleanup.enter_context(idle_device())
-        started = {name: run(*command) for name, command in PEERS.items()
-                   if shutil.which(command[0])}
+        started = {name: run(*command) for name, command in present.items()}
         time.sleep(SETTLE_SECONDS + START_SECONDS / 4)
-        result["pluginmgr"] = footprint(daemon.pid, str(BUILD / "pluginmgr"))
-        for name, process in started.items():
-            if process.poll() is None:
-                result[name] = footprint(process.pid, shutil.which(PEERS[name][0]))
-    print(json.dumps(result))
+        programs = {"pluginmgr": (daemon.pid, str(BUILD / "pluginmgr"))} | {
+            name: (process.pid, shutil.which(present[name][0]))
+            for name, process in started.items() if process.poll() is None}
+        looks = {name: [] for name in programs}
+        for _ in range(rounds):
+            for name, words in programs.items():
+                looks[name].append(footprint(*words))
+            time.sleep(1)
+    return {"idle": {name: medians(results) for name, results in looks.items()},
+            "absent": [name for name in PEERS if name not in present],
+            "ended": [name for name in present if name not in programs]}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--rounds", type=int, required=True)
+    options = parser.parse_args()
+    write_files()
+    print(json.dumps(measure(options.rounds)))
     return 0
 
 
