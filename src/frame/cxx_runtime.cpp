@@ -43,6 +43,10 @@ __attribute__((weak)) void __throw_bad_alloc() {
     abort();
 }
 
+__attribute__((weak)) void __throw_bad_array_new_length() {
+    abort();
+}
+
 __attribute__((weak)) void __throw_logic_error(const char* /*what*/) {
     abort();
 }
