@@ -74,20 +74,6 @@ TEST(Shell, ReportsStatusAndBoundsOutput) {
     EXPECT_STREQ(out, "y\ny");
 }
 
-TEST(Shell, ProgramsStartWithAnEmptySignalMask) {
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGPIPE);
-    sigaddset(&blocked, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    char out[64] = {};
-    const long count = read_shell("grep SigBlk /proc/self/status", out, sizeof out);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    ASSERT_GT(count, 0);
-    EXPECT_STREQ(out, "SigBlk:\t0000000000000000\n");
-}
-
 TEST(Json, TextOfMembers) {
     const json_ptr value = parse_json(R"({"s":"text","n":12,"o":{"a":1},"z":null})");
     const struct {

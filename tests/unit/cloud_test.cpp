@@ -8,17 +8,6 @@
 
 namespace {
 
-// Hex from: printf 001122aabbcc1700000000 | openssl dgst -sha1 -hmac KEY
-constexpr const char* SIGNED = "9258657398ef6f6c617e06404b20ea187fa1caac";
-
-TEST(SignRequest, SignsMacAndTimestamp) {
-    char out[100] = {};
-    EXPECT_EQ(sign_request(1, "001122aabbcc", "1700000000", out, sizeof out), 0);
-    EXPECT_STREQ(out, SIGNED);
-
-    EXPECT_EQ(sign_request(2, "001122aabbcc", "1700000000", out, sizeof out), -1);
-}
-
 // Events that end before anything is sent.
 struct refusal {
     const char* why;

@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "base/handles.h"
 #include "base/text.h"
@@ -15,18 +9,11 @@
 #include "device/kv.h"
 #include "device/process.h"
 #include "device/url.h"
+#include "scratch.h"
 
 namespace {
 
-class device_files : public testing::Test {
-  protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
-    void TearDown() override { std::filesystem::remove_all(folder); }
-    [[nodiscard]] std::string file(const char* name) const {
-        return std::string(folder) + "/" + name;
-    }
-    char folder[32] = "/tmp/device_test.XXXXXX";
-};
+using device_files = scratch;
 
 TEST(device_id, form) {
     for (const char* good :
@@ -63,8 +50,8 @@ TEST(kv_text, trim_and_split) {
 }
 
 TEST_F(device_files, kv_tables) {
-    const std::string path = file("kv");
-    std::ofstream(path) << "noise\nB=1\nAA=2\nA=3\nA=4\nC=\n";
+    const std::string path = in("kv");
+    write_file(path, "noise\nB=1\nAA=2\nA=3\nA=4\nC=\n");
     kv_entry named[] = {
         {heap_text("A"), nullptr}, {heap_text("C"), nullptr}, {heap_text("D"), nullptr}};
     ASSERT_EQ(read_kv_file(path.c_str(), '=', named), 0);
@@ -115,9 +102,9 @@ TEST(url, split) {
 }
 
 TEST_F(device_files, datagrams_carry_their_senders_path) {
-    const std::string here = file("here");
-    const std::string there = file("there");
-    std::ofstream(here) << "left by an earlier run";
+    const std::string here = in("here");
+    const std::string there = in("there");
+    write_file(here, "left by an earlier run");
     const unique_fd receiver(bindUnixSocket(here.c_str()));
     const unique_fd sender(bindUnixSocket(there.c_str()));
     ASSERT_TRUE(receiver && sender);
@@ -132,10 +119,10 @@ TEST_F(device_files, datagrams_carry_their_senders_path) {
 
     EXPECT_EQ(sendUnixSocket(sender.get(), "", "x", 1), -1);
     EXPECT_EQ(sendUnixSocket(sender.get(), nullptr, "x", 1), -1);
-    EXPECT_EQ(sendUnixSocket(sender.get(), file("nobody").c_str(), "x", 1), -1);
-    EXPECT_EQ(bindUnixSocket(file("no/folder").c_str()), -2);
+    EXPECT_EQ(sendUnixSocket(sender.get(), in("nobody").c_str(), "x", 1), -1);
+    EXPECT_EQ(bindUnixSocket(in("no/folder").c_str()), -2);
 
-    const std::string longest = file("") + std::string(UNIX_PATH_SIZE - 1 - file("").size(), 's');
+    const std::string longest = in("") + std::string(UNIX_PATH_SIZE - 1 - in("").size(), 's');
     const unique_fd cut(bindUnixSocket((longest + "more").c_str()));
     EXPECT_EQ(access(longest.c_str(), F_OK), 0);
     EXPECT_EQ(sendUnixSocket(sender.get(), longest.c_str(), "x", 1), 1);

@@ -8,21 +8,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
-#include "frame/pid_file.h"
 #include "frame/signals.h"
 #include "frame/startup.h"
 #include "log/tb_log.h"
 
 namespace {
-
-std::string text_of_file(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Runs body in a child and gives its exit status.
 template <typename Body>
@@ -37,22 +29,6 @@ int in_child(Body body) {
 }
 
 }  // namespace
-
-TEST(PidFile, OneHolderAStalePidIsReplaced) {
-    char folder[] = "/tmp/pidXXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string path = std::string(folder) + "/pid";
-    std::ofstream(path) << "a longer text of a copy that was killed";
-
-    ASSERT_EQ(lock_pid_file(path.c_str()), 0);
-    const std::string mine = std::to_string(getpid()) + '\0';
-    // In children, for this process would lose the lock with any descriptor of the file it closes.
-    const auto shows_mine = [&] { return text_of_file(path) == mine ? 7 : 1; };
-    EXPECT_EQ(in_child(shows_mine), 7);
-    EXPECT_EQ(in_child([&] { return lock_pid_file(path.c_str()) == PID_LOCKED ? 7 : 1; }), 7);
-    EXPECT_EQ(in_child(shows_mine), 7) << "a second copy leaves the first one's id";
-    EXPECT_EQ(lock_pid_file("/nonexistent/pid"), PID_NOT_OPENED);
-}
 
 TEST(Signals, AreCountedInAChildAndFiveAreLogged) {
     testing::internal::CaptureStdout();

@@ -1,43 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/ini.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 #include <thread>
 
 #include "log/tb_log.h"
+#include "scratch.h"
 
 namespace {
 
-class ini_files : public testing::Test {
+class ini_files : public scratch {
   protected:
-    void SetUp() override {
-        log_set_output(LOG_TO_NONE);
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        path = std::string(folder) + "/settings.ini";
-    }
-    void TearDown() override { std::filesystem::remove_all(folder); }
+    ini_files() { log_set_output(LOG_TO_NONE); }
 
-    void write(std::string_view text) const { std::ofstream(path, std::ios::binary) << text; }
-    [[nodiscard]] std::string read() const {
-        std::ostringstream text;
-        text << std::ifstream(path, std::ios::binary).rdbuf();
-        return text.str();
-    }
+    void write(std::string_view text) const { write_file(path, text); }
+    [[nodiscard]] std::string read() const { return read_file(path); }
     [[nodiscard]] std::string look_up(const char* section, const char* key) const {
         char value[1024] = "untouched";
         const int code = ini_get(path.c_str(), section, key, value, sizeof value);
         return code == 0 ? value : std::to_string(code) + (*value == 'u' ? "" : " and touched");
     }
 
-    char folder[32] = "/tmp/ini_test.XXXXXX";
-    std::string path;
+    const std::string path = in("settings.ini");
 };
 
 TEST_F(ini_files, lookup) {
@@ -197,19 +182,17 @@ TEST_F(ini_files, lists) {
 }
 
 TEST_F(ini_files, copy) {
-    const std::string target = std::string(folder) + "/copy";
+    const std::string target = in("copy");
     const std::string text = std::string(3000, 'x') + "\nlast";
-    std::ofstream(target) << std::string(5000, 'y');
+    write_file(target, std::string(5000, 'y'));
     write(text);
     EXPECT_EQ(copy_file(path.c_str(), target.c_str()), 0);
-    path = target;
-    EXPECT_EQ(read(), text);
+    EXPECT_EQ(read_file(target), text);
 
     EXPECT_EQ(copy_file("/nonexistent", target.c_str()), INI_NOT_OPENED);
     EXPECT_EQ(copy_file(target.c_str(), folder), INI_NOT_CREATED);
     EXPECT_EQ(copy_file(folder, target.c_str()), INI_READ_ERROR);
     EXPECT_EQ(copy_file(target.c_str(), "/dev/full"), INI_WRITE_ERROR);
-    EXPECT_EQ(read(), text);
 }
 
 }  // namespace
