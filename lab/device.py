@@ -38,7 +38,9 @@ MAC = "00:11:22:AA:bb:cc"
 DEFAULT_SETTINGS = {"loglevel": 8, "dns1": "127.0.0.1", "dns2": "127.0.0.2", "dns3": "127.0.0.3"}
 DEFAULT_PLUGINS = {"cloud_phone": "1.0.0"}
 ENROLLED = {"active_state": "true", "device_key": "key-of-the-device", "cloudserver": "on"}
-NOT_OFFERED = 10  # status of a plug-in that the platform has nothing for
+# Statuses of a plug-in; NOT_OFFERED also when the platform cannot be asked.
+IDLE, DOWNLOAD_FAILED, DOWNLOADED, INSTALLING, INSTALL_FAILED, RESTARTED = 0, 3, 4, 5, 6, 7
+UP_TO_DATE, NOT_OFFERED = 9, 10
 VERSION_FILE = "HW_REVISION=V1.0 KQ900-A\nSW_REVISION=REL 53.20.1\n"
 
 # Every process of the device inherits this from the daemon's environment; it is how they are
@@ -282,11 +284,15 @@ class Device:
             self.wait_ready(child)
         return child
 
-    def start_enrolled(self, platform, settings=None, agents=(), rate=1):
-        """Resets and starts, with faketime, a device that the platform knows already; settings over
-        ENROLLED. On return its start is over: none of it logs or asks any more."""
+    def reset_enrolled(self, platform, settings=None, agents=(), **others):
+        """reset() to a device that the platform knows already; settings over ENROLLED."""
         platform.cloud.device.active = True
-        self.reset(settings=ENROLLED | (settings or {}), agents=agents)
+        self.reset(settings=ENROLLED | (settings or {}), agents=agents, **others)
+
+    def start_enrolled(self, platform, settings=None, agents=(), rate=1):
+        """reset_enrolled() and start with faketime. On return the start is over: none of it logs or
+        asks any more."""
+        self.reset_enrolled(platform, settings, agents)
         self.shift_time(0, rate)
         self.start(faketime=True)
         platform.wait_request(lambda one: "versions" in one.query)

@@ -47,3 +47,16 @@ def device(platform, request):
         with open(folder + "/requests.txt", "w", encoding="latin-1") as file:
             file.write(platform.journal_text())
     one.kill_all()
+
+
+@pytest.fixture
+def enrolled(platform, device):
+    """A device that is registered already and has no agents, so it starts within seconds."""
+    device.reset_enrolled(platform)
+    return device
+
+
+@pytest.fixture
+def running(platform, device):
+    """Such a device in mode "on", started and quiet again."""
+    return device.start_enrolled(platform)

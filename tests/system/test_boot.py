@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """From power-on to a registered device, one copy only, and a clean end."""
-import base64
+import os
 import re
 import signal
 
 import pytest
 
 from lab.deployment import API_SERVER, VERSION
-from lab.device import PID_FILE, VERSION_LIST, read_text
-from lab.platform import DEVICE_ID, DEVICE_MAC
+from lab.device import PID_FILE, VERSION_LIST, read_text, write_text
+from lab.platform import DEVICE_ID, DEVICE_MAC, basic
 
 DEVICE = "/v1/devices/" + DEVICE_ID
 ACTIVATE, BIND = f"POST {DEVICE}/actions/activate", f"POST {DEVICE}/actions/bind"
@@ -57,31 +57,25 @@ def test_requests_keep_their_line_ends_and_one_connection(platform, device):
     activation, binding = platform.wait_request(ACTIVATE), platform.wait_request(BIND)
     first_lines = f"POST {activation.target} HTTP/1.1\nHost: {API_SERVER}\n"
     assert activation.raw.startswith(first_lines.encode())
-    credential = base64.b64encode(b"token-of-the-owner:").decode()
     assert binding.raw.decode() == (
-        f"{BIND} HTTP/1.1\nHost: {API_SERVER}\nAuthorization: Basic {credential}\n"
+        f"{BIND} HTTP/1.1\nHost: {API_SERVER}\nAuthorization: {basic('token-of-the-owner:')}\n"
         "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n"
         "Content-Type:application/x-www-form-urlencoded\nConnection: keep-alive\r\n\r\n")
     platform.wait_request(METRIC)
     assert {one.connection for one in platform.requests(DEVICE + "*")} == {1}
 
 
-@pytest.mark.parametrize("settings, expected", [
-    pytest.param({}, [ACTIVATE, READ, CHANGE, METRIC], id="no token: not bound"),
-    pytest.param(ENROLLED, [READ, CHANGE, METRIC], id="enrolled: not activated again"),
-    pytest.param(ENROLLED | OWNER, [READ, BIND, CHANGE, METRIC], id="enrolled, found unbound"),
+@pytest.mark.parametrize("settings, known, expected", [
+    pytest.param({}, False, [ACTIVATE, READ, CHANGE, METRIC], id="no token: not bound"),
+    pytest.param(ENROLLED, True, [READ, CHANGE, METRIC], id="enrolled: not activated again"),
+    pytest.param(ENROLLED | OWNER, True, [READ, BIND, CHANGE, METRIC], id="enrolled, found unbound"),
+    pytest.param(ENROLLED, False, [READ, ACTIVATE, READ, CHANGE, METRIC], id="forgotten: activated again"),
 ])
-def test_registration_does_what_is_missing(platform, device, settings, expected):
-    platform.cloud.device.active = "device_key" in settings
+def test_registration_does_what_is_missing(platform, device, settings, known, expected):
+    platform.cloud.device.active = known
     device.reset(settings=settings)
     device.start()
     assert registration(platform) == expected
-
-
-def test_forgotten_by_the_platform_activates_again(platform, device):
-    device.reset(settings=ENROLLED)
-    device.start()
-    assert registration(platform) == [READ, ACTIVATE, READ, CHANGE, METRIC]
 
 
 def test_without_flash_content_no_agent_starts(platform, device):
@@ -98,11 +92,14 @@ def test_second_copy_refuses(device):
     assert before == f"{first.pid}\0"
     assert device.start(ready=False).wait(5) == REFUSED
     assert read_text(PID_FILE) == before and device.daemons() == [first.pid]
+    device.kill_all()
+    os.unlink(PID_FILE)
+    os.mkdir(PID_FILE)
+    assert device.start(ready=False).wait(5) == REFUSED, "nor is there one without its file"
 
 
 def test_stale_pid_file_does_not_block(device):
-    device.start().kill()
-    device.kill_all()
+    write_text(PID_FILE, "a longer text of a copy that was killed")
     assert device.start().pid == device.pid()
 
 

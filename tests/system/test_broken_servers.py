@@ -14,7 +14,7 @@ import time
 import pytest
 
 from lab.deployment import ACCOUNTS_SERVER, API_SERVER, DOWNLOAD_SERVER, PBX_SERVER
-from lab.device import ENROLLED, read_text, wait_until, write_text
+from lab.device import DOWNLOAD_FAILED, read_text, wait_until, write_text
 from lab.package import build
 from lab.platform import Answer, redirect
 from lab.platform.certificates import EXTENSIONS, FOLDER
@@ -23,7 +23,7 @@ DEVINFO, CHECK = "GET /v1/devices/*", "GET /v1/res/upgrade/*"
 LOGIN = "method=gw.config.set&id80003=alice&id80004=secret&id80002=true"
 CONNECT_SECONDS, HANDSHAKE_SECONDS, ANSWER_SECONDS = 2, 8, 10
 REFUSED, TLS, NOTHING, NO_CODE, TOLD = 13, 14, 22, 92, 1234
-DOWNLOAD_FAILED, NOT_OFFERED, APP_REPORT = 3, 10, 0x2100
+APP_REPORT = 0x2100
 RESET_ON_CLOSE = struct.pack("ii", 1, 0)
 CODE = b'{"code":1234}'
 FIRST = b"HTTP/1.1 200 OK\r\n"
@@ -98,6 +98,9 @@ ROWS = {
     "no length, more to come": (Answer(raw=FIRST + b"\r\n" + CODE, drip=25), NO_CODE, 0),
     "chunked": (Answer(raw=CHUNKED), NO_CODE, 0), "chunked, in pieces": (Answer(raw=CHUNKED, drip=60), NO_CODE, 0),
     "a code in a string": (Answer({"code": "1234"}), TOLD, 0), "no code": (Answer({"message": "ok"}), NO_CODE, 0),
+    "an empty code": (Answer({"code": ""}), NO_CODE, 0), "an object for a code": (Answer({"code": {"a": 1}}), 0, 0),
+    "codes of devices": (Answer({"devices": [{"code": 1234}, {"code": 8}]}), TOLD, 0),
+    "no devices": (Answer({"devices": []}), NO_CODE, 0), "devices of no list": (Answer({"devices": {"code": 7}}), NO_CODE, 0),
     "an array": (Answer([{"code": 1234}]), NO_CODE, 0), "no header": (Answer(raw=CODE), TOLD, 0),
     "the first piece ends in the length": (Answer(raw=sized(13), drip=34), TOLD, 0),
     "without length": (Answer(raw=FIRST + b"\r\n" + CODE), TOLD, 0),
@@ -109,8 +112,9 @@ ROWS = {
     "a flood as announced": (Answer(raw=sized(FLOOD, b"x" * FLOOD)), NO_CODE, 0),
     "a flood cut off": (Answer(raw=sized(2 * FLOOD, b"x" * FLOOD), end="close"), NO_CODE, 0),
     "moved to itself": (redirect("/v1/devices/"), NOTHING, 0),
+    "moved, but not told where": (Answer(raw=sized(13).replace(b"200 OK", b"302 Found")), NOTHING, 0),
+    "moved for good": (Answer(raw=sized(13).replace(b"200 OK", b"301 Moved\r\nLocation: /a")), TOLD, 0),
 }
-DRIP = Answer(raw=sized(4000, b"x" * 4000), drip=40, drip_pause=ANSWER_SECONDS * .4)
 
 
 @contextlib.contextmanager
@@ -164,36 +168,32 @@ def ask_both(device):
 
 
 def test_broken_servers(platform, device):
-    """One daemon meets every kind, one after the other, while its upgrade thread is held by an
-    answer that never ends."""
+    """One daemon meets every kind, one after the other, while its upgrade thread is held by a slow
+    answer."""
     def probe():  # on a new connection, which is closed behind
         platform.api.answer(DEVINFO, lambda one: dataclasses.replace(platform.cloud.answer_api(one), end="close"),
                             times=1)
         return device.get(80002)["code"]
-    platform.cloud.device.active = True
-    platform.api.answer(CHECK, DRIP, times=1)
-    device.reset(settings=ENROLLED | {"conn_timeout": CONNECT_SECONDS}, plugins={}, agents=())
+    platform.api.answer(CHECK, Answer(raw=sized(4000), drip=1, drip_pause=ANSWER_SECONDS * .4), times=1)
+    device.reset_enrolled(platform, {"conn_timeout": CONNECT_SECONDS}, plugins={})
     device.start()
     platform.wait_request(lambda one: "versions" in one.query)
-    dripping = platform.wait_request(CHECK)
+    platform.wait_request(CHECK)
     assert probe() == 0
     before, wrong = descriptors(device), {}
     for name, (how, code, least) in ROWS.items():
-        with broken(platform.api, how):
-            answers = ask_both(device)
-        (got, took), (local, waited) = answers["cloud"], answers["local"]
-        recovered = probe()
+        for _ in range(2):  # a busy machine may be late once
+            with broken(platform.api, how):
+                answers = ask_both(device)
+            (got, took), (local, waited) = answers["cloud"], answers["local"]
+            recovered, late = probe(), took > least + 2 or waited > took + 1
+            restart(platform.api)  # between requests, too
+            if not late:
+                break
         codes = code if isinstance(code, tuple) else (code,)
-        if got not in codes or recovered or not local or not least - .1 < took < least + 2 or waited > took + .5:
+        if got not in codes or recovered or not local or took < least - .1 or late:
             wrong[name] = {"code": got, "took": took, "local": waited, "then": recovered}
-        restart(platform.api)  # between requests, too
-    assert not wrong and device.plugins()["pluginmgr"]["status"] != NOT_OFFERED
-    device.wait_status("pluginmgr", NOT_OFFERED, 60)
-    assert 10 * ANSWER_SECONDS - 1 < time.time() - dripping.time < 10 * ANSWER_SECONDS + 5
-    platform.cloud.offer(build("pluginmgr", "9.9"))
-    assert {one["pluginName"]: one for one in device.get(80025)}["pluginmgr"]["status"] != NOT_OFFERED
-    assert platform.requests(CHECK)[-1].connection != dripping.connection
-    assert probe() == 0 and descriptors(device) <= before
+    assert not wrong and probe() == 0 and descriptors(device) <= before
 
 
 # answer on the kept connection; how often the request is sent

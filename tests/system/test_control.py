@@ -13,8 +13,8 @@ import time
 import pytest
 
 from lab.deployment import API_SERVER, VALUES, VERSION
-from lab.device import (CONTROL_PORT, CONTROL_SOCKET, DAEMON, DEBUG_LOG, ENROLLED, ERROR_LOG, HEADER, LAB,
-                        MARKER, MESSAGE_LOG, NOT_OFFERED, device_processes, read_text, wait_until, write_text)
+from lab.device import (CONTROL_PORT, CONTROL_SOCKET, DAEMON, DEBUG_LOG, ERROR_LOG, HEADER, INSTALLING, LAB, MARKER,
+                        MESSAGE_LOG, NOT_OFFERED, RESTARTED, device_processes, read_text, wait_until, write_text)
 from lab.package import build
 from lab.platform import DEVICE_ID, Answer
 
@@ -23,7 +23,7 @@ NAME = "cloud_phone"
 MODE, PLUGINS = "method=gw.config.get&id=80000", "method=gw.config.get&id=80005"
 TEXT_ROOM = 256 - HEADER.size
 APP_REPORT, LOG_LEVEL, DEVICE_CODE, CLOUD_ADDRESS, ANSWER = 0x2100, 0x3200, 0x3101, 0x3100, 0x2000
-INSTALLING, RESTARTED = 5, 7
+QUERY_SOCKET = "/tmp/pluginmgrGetStatus_ctl"
 
 
 @pytest.fixture
@@ -126,10 +126,15 @@ def test_signs_of_life_are_compared_by_prefix(alone):
         assert not answered([text]) and len(alone.log_lines(line)) == before + count, text
 
 
-@pytest.mark.parametrize("mode, state, shown", [
-    ("on", 0, "ok"), ("on", 2, "connecting"), ("on", 1, "fail"), ("on", None, "fail"), ("ums", 0, "ok"),
-    ("off", 0, "fail"), ("disable", 0, "fail")])
-def test_mode_and_state_of_the_agent(device, mode, state, shown):
+def state(number):
+    return struct.pack("=II12x", 0x1000, number)
+
+
+@pytest.mark.parametrize("mode, answer, shown", [
+    ("on", state(0), "ok"), ("on", state(2), "connecting"), ("on", state(1), "fail"), ("on", None, "fail"),
+    ("on", b"", "fail"), ("on", b"abc", "fail"), ("on", bytes(8), "ok"), ("ums", state(0), "ok"),
+    ("off", state(0), "fail"), ("disable", state(0), "fail")])
+def test_mode_and_state_of_the_agent(device, mode, answer, shown):
     """The agent that is asked, or not, is the test's own."""
     start_alone(device, mode)
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as agent, \
@@ -137,35 +142,42 @@ def test_mode_and_state_of_the_agent(device, mode, state, shown):
         agent.bind("/var/run/cloudae_ctl")
         reply = pool.submit(device.get, 80000)
         if mode in ("on", "ums"):
-            agent.settimeout(5)
+            agent.settimeout(20)
             query, sender = agent.recvfrom(4096)
             assert query == struct.pack("=I36x", 0x1000)
-            if state is not None:
-                agent.sendto(struct.pack("=II12x", 0x1000, state), sender)
-        assert reply.result(7) | {"id80014": ""} == {
+            if answer is not None:
+                agent.sendto(answer, sender)
+        assert reply.result(20) | {"id80014": ""} == {
             "result": "ok", "code": 0, "id80000": mode, "id80001": shown, "id80014": "", "id80020": True}
         agent.setblocking(False)
         with pytest.raises(BlockingIOError):
             agent.recv(1)
-    assert not os.path.lexists("/tmp/pluginmgrGetStatus_ctl")
+    assert not os.path.lexists(QUERY_SOCKET)
+    assert ("recvUnixSocket return 0" in device.errors()) == (answer == b"")
+
+
+def test_state_that_cannot_be_asked_for(device):
+    start_alone(device, "on")
+    os.mkdir(QUERY_SOCKET)
+    assert device.get(80000)["id80001"] == "fail"
 
 
 def test_plugins_and_their_notes(platform, device):
-    """Notes that do not fit are cut, all to one length."""
-    names, note = [NAME, "cloud_fax", "cloud_pad"], "n" * 1600
-    device.reset(settings=ENROLLED, plugins=dict.fromkeys(names, "1.0"), agents=())
-    platform.cloud.device.active = True
+    """Notes that do not fit are cut, all to one length, but not inside a character."""
+    names, note = [NAME, "cloud_fax", "cloud_pad"], "n" * 511 + "\u00e4" + "n" * 1087
+    device.reset_enrolled(platform, plugins=dict.fromkeys(names, "1.0"))
     platform.cloud.offer(build(NAME, "1.1"), note="short", size=5000)
     for name in names[1:]:
         platform.cloud.offer(build(name, "1.1"), note=note, size=5000)
     device.start()
     wait_until(lambda: device.plugins()["pluginmgr"]["status"] == NOT_OFFERED, what="the check")
+    shown = note.encode().decode("latin-1")  # as the lab reads what the daemon sends
     keys = ("pluginName", "pluginVersion", "pluginNewVersion", "pluginNote", "pluginSpace", "status")
     assert [tuple(one.items()) for one in device.get(80005)] == [tuple(zip(keys, values)) for values in (
-        (NAME, "1.0", "1.1", "short", 5000, 0), ("cloud_fax", "1.0", "1.1", note, 5000, 0),
-        ("cloud_pad", "1.0", "1.1", note, 5000, 0), ("pluginmgr", VERSION, VERSION, "null", 0, NOT_OFFERED))]
+        (NAME, "1.0", "1.1", "short", 5000, 0), ("cloud_fax", "1.0", "1.1", shown, 5000, 0),
+        ("cloud_pad", "1.0", "1.1", shown, 5000, 0), ("pluginmgr", VERSION, VERSION, "null", 0, NOT_OFFERED))]
     platform.cloud.offer(build(NAME, "1.1"), note=note)
-    assert [one["pluginNote"] for one in device.get(80025)] == ["n" * 512] * 3 + ["null"]
+    assert [one["pluginNote"] for one in device.get(80025)] == ["n" * 511] * 3 + ["null"]
 
 
 def test_check_in_the_language_asked_for(platform, device):
@@ -188,18 +200,16 @@ def test_check_without_an_upgrade_thread_times_out(device, early, late):
             with pytest.raises(concurrent.futures.TimeoutError):
                 reply.result(0.7)
         device.shift_time(late)
-        assert [one["pluginName"] for one in reply.result(3)] == [NAME, "pluginmgr"]
+        assert [one["pluginName"] for one in reply.result(20)] == [NAME, "pluginmgr"]
     assert "check plugin update timeout" in device.errors()
 
 
 # -- messages of the agent -------------------------------------------------------------------------
 
 
-def test_app_report_registers_first_when_that_is_due(platform, device):
-    platform.cloud.device.active = True
+def test_app_report_registers_first_when_that_is_due(platform, enrolled):
     platform.api.answer(f"GET {DEVICE}", Answer({"code": 500}))
-    device.reset(settings=ENROLLED, agents=())
-    device.start()
+    enrolled.start()
     platform.wait_request(f"GET {DEVICE}", count=2)  # at the start and on the first tick
     answered()
     platform.api.reset()
@@ -231,7 +241,7 @@ def test_cloud_address(device, state, given):
 
 
 def test_other_messages_are_ignored(platform, alone):
-    odd = [b"\0", b"\x31", b"\x21\0", struct.pack("=I", 0xFFFFFFFF), struct.pack("=I", 0x1000), b"\xff" * 3000,
+    odd = [b"", b"\0", b"\x31", b"\x21\0", struct.pack("=I", 0xFFFFFFFF), struct.pack("=I", 0x1000), b"\xff" * 3000,
            message(0x3102, "001122aabbcc"), message(ANSWER, "x"), message(APP_REPORT, "not=in-ums")]
     assert not tell(*odd) and not platform.requests()
     assert tell(struct.pack("=I", DEVICE_CODE)) == [message(DEVICE_CODE, rest=b"")]  # the rest counts as zeros
@@ -267,18 +277,16 @@ PHASES = {"agents": lambda platform, device: "will do action" in device.log(),
 
 
 @pytest.mark.parametrize("phase", PHASES)
-def test_sigterm_in_each_phase(platform, device, phase):
+def test_sigterm_in_each_phase(platform, enrolled, phase):
     package = build(NAME, "2.0", padding=100_000, slow=30)
-    platform.cloud.device.active = True
     platform.cloud.offer(package, force=True)
     platform.dl.answer("GET *", Answer(package.data, drip=100 if phase == "download" else 0))
     if phase == "registration":
         platform.api.fail("mute")
-    device.reset(settings=ENROLLED, agents=())
-    child = device.start(ready=False)
-    wait_until(lambda: PHASES[phase](platform, device), what=phase, pause=0.01)
-    assert child.poll() is None and device.stop() == 0 and "get a signal - 15. exit!!!" in device.log()
-    wait_until(lambda: not device.daemons(), 3, "the end of its download child")
+    child = enrolled.start(ready=False)
+    wait_until(lambda: PHASES[phase](platform, enrolled), what=phase, pause=0.01)
+    assert child.poll() is None and enrolled.stop() == 0 and "get a signal - 15. exit!!!" in enrolled.log()
+    wait_until(lambda: not enrolled.daemons(), what="the end of its download child")
 
 
 def test_sigterm_among_requests(device):
@@ -288,7 +296,7 @@ def test_sigterm_among_requests(device):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as one:
             for _ in range(150 + 10 * number):
                 one.sendto(request(PLUGINS), CONTROL_PORT)
-        assert device.stop(timeout=5) == 0
+        assert device.stop() == 0
 
 
 # -- what programs inherit -------------------------------------------------------------------------
@@ -317,11 +325,10 @@ def test_started_programs_inherit_nothing(platform, device):
         assert device.get(80025) and device.action(pluginName=NAME, pluginAction="update")["code"] == 0
         return status and device.wait_status(NAME, status)
     package = build(NAME, "2.0", files={"/var/run/" + NAME: b"#!/bin/sh\nexec sleep 1000\n"}, padding=50_000, slow=3)
-    platform.cloud.device.active = True
     platform.cloud.offer(package, "http")
     platform.dl.answer("GET *", Answer(package.data, drip=1000))
     platform.dl.answer("GET *", Answer(status=404), times=1)
-    device.reset(settings=ENROLLED)
+    device.reset_enrolled(platform, agents=["cloudae"])
     device.start()
     device.cloudae.wait_started()
     assert_clean(device, "cloudae")

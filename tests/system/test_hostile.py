@@ -72,27 +72,22 @@ class Watch:
         assert self.device.daemons() == [self.pid] and self.device.query(GET + "80000"), what
 
 
-@pytest.fixture
-def enrolled(platform, device):
-    return device.start_enrolled(platform)
-
-
-def test_answers_of_the_cloud(platform, enrolled):
+def test_answers_of_the_cloud(platform, running):
     """Also when they come back to it: the authorisation code in a path, the key in a credential."""
-    watch = Watch(platform, enrolled)
+    watch = Watch(platform, running)
     for name, value in VALUES.items():
         value = value[:400]
         everything = {key: value for key in (
             "message", "device_key", "active_state", "bind_status", "user_id", "device_authcode", "grantee_id")}
         platform.api.answer("*", Answer({"code": 0} | everything))
         platform.api.answer(READ, coded(1004), times=1)
-        assert enrolled.query(GET + "80011"), name
-        assert enrolled.replies(ACTION + "authcode=create&pluginName=x")
-        assert enrolled.replies(ACTION + "authcode=delete&pluginName=x")
+        assert running.query(GET + "80011"), name
+        assert running.replies(ACTION + "authcode=create&pluginName=x")
+        assert running.replies(ACTION + "authcode=delete&pluginName=x")
         stored = value.partition("\0")[0][:63]
         refused = re.search("[\r\n\x0c\x1a]", stored) or stored.endswith("+")
         assert refused or read_text(INI).count(f"\nactive_state={stored}\n") == 1, name
-        assert not refused or enrolled.log_lines("value of device_key would not read back as it is"), name
+        assert not refused or running.log_lines("value of device_key would not read back as it is"), name
         watch.check(name)
         platform.api.reset()
 
@@ -129,10 +124,10 @@ def hostile_offers(platform, field):
 
 @pytest.mark.parametrize("field", ["version_name", "link", "path", "host", "to_version", "others"])
 def test_offers(platform, device, field):
-    platform.cloud.device.active = True
     plugins = hostile_offers(platform, field)
-    device.reset(settings=ENROLLED, plugins=plugins, agents=())
-    device.start()
+    device.reset_enrolled(platform, plugins=plugins)
+    device.shift_time(0, rate=4)
+    device.start(faketime=True)
     watch = Watch(platform, device)
 
     def over():
@@ -152,20 +147,20 @@ FOR_HOSTS = {"hosts line": "x\n6.6.6.6 evil", "echo": "-e\\n6.6.6.6", "pattern":
              "write": "6/w /tmp/owned", "blank": "a 6.6.6.6", "redirection": "a>/tmp/owned"}
 
 
-def test_requests_of_the_web_server(platform, enrolled):
+def test_requests_of_the_web_server(platform, running):
     os.makedirs("/tmp/web")
-    watch = Watch(platform, enrolled)
+    watch = Watch(platform, running)
     for name, value in (VALUES | FOR_HOSTS).items():
         for key in WEB_KEYS:
-            enrolled.replies(SET + key + value)
-        enrolled.replies(SET + f"id80037={value}|10.0.0.6&id80038=")
+            running.replies(SET + key + value)
+        running.replies(SET + f"id80037={value}|10.0.0.6&id80038=")
         for text in ("method=gw.boa.report&", ACTION + "pluginAction=update&pluginName=", GET, "",
                      ACTION + "pluginName=pluginmgr&pluginAction=", ACTION + "device_vcode=", GET + "80036&next=",
                      ACTION + "quorvel_action=", ACTION + "quorvel_action=check_kq_qrcode&active_toekn=",
                      GET + "80005&language=", ACTION + "authcode="):
-            enrolled.replies(text + value)
-        enrolled.message(APP_REPORT, value[:900], timeout=0.02)
-        enrolled.replies(SET + "id80035=off&id80037=&id80038=")
+            running.replies(text + value)
+        running.message(APP_REPORT, value[:900], timeout=0.02)
+        running.replies(SET + "id80035=off&id80037=&id80038=")
         watch.check(name)
 
 
@@ -184,11 +179,10 @@ def test_server_of_the_agent(platform, device):
 def test_files_at_the_start(platform, device, name):
     """Settings, the version list and the firmware's version file, all with the value at once."""
     value = VALUES[name]
-    platform.cloud.device.active = True
     keys = ("active_token", "language", "quorvel_token", "quorvel_server", "quorvel_service", "accounts_server",
             "user_apiserver", "user_sipserver", "device_key")
     one_line = re.sub("[\r\n\x1a\x0c]", "", value[:480])
-    device.reset(settings=ENROLLED | dict.fromkeys(keys, one_line), agents=(), plugins=[
+    device.reset_enrolled(platform, dict.fromkeys(keys, one_line), plugins=[
         dict.fromkeys(("version_name", "version", "rel_info"), value) | {"app_name": app}
         for app in (value, "cloud_phone")])
     write_text("/var/log/version", f"HW_REVISION=V1.0 KQ{one_line}-A\nSW_REVISION=REL {one_line}\n")

@@ -6,19 +6,18 @@ import os
 import socket
 import struct
 import subprocess
+import time
 
 import pytest
 
 from lab.deployment import API_SERVER, DOWNLOAD_SERVER
-from lab.device import read_text, wait_until, write_text
+from lab.device import DOWNLOAD_FAILED, ENROLLED, NOT_OFFERED, RESTARTED, read_text, wait_until, write_text
 from lab.package import build
-from lab.platform import DEVICE_ID, Reply
+from lab.platform import DEVICE_ID, Answer, Reply
 
 NGINX, DNSMASQ, NOBODY = "127.0.0.21", "127.0.0.53", "127.0.0.9"
 FOLDER = "/run/lab/nginx"
 DEVICE, METRICS, OFFERS = "/v1/devices/" + DEVICE_ID, "/v1/services/cloudwatch/metrics", "/v1/res/upgrade/apps/"
-ENROLLED = {"active_state": "true", "device_key": "key-of-the-device", "cloudserver": "on"}
-DOWNLOAD_FAILED, RESTARTED, CHECK_FAILED = 3, 7, 10
 TIME_WAIT, CLOSE_WAIT = "06", "08"
 APP_REPORT = 0x2100
 ANSWERS = {DEVICE + "/actions/activate": {"code": 0, "device_key": "key", "active_state": "true"},
@@ -113,6 +112,25 @@ def test_idle_connections_are_closed_by_nginx(device, nginx):
     wait_until(lambda: [one for one in served(DEVICE) if "PUT" in one[2]][2:], what="the report")
 
 
+RATE = 4
+SLOW = Answer(raw=b"HTTP/1.1 200 OK\r\nContent-Length: 4000\r\n\r\n" + b"x" * 4000, drip=40, drip_pause=4 / RATE)
+
+
+def test_answer_that_never_ends(platform, device):
+    """Never silent for the 10 seconds of a wait, it is given up after ten of them, connection and all.
+    By the daemon's clock, which runs RATE times as fast."""
+    platform.api.answer("GET " + OFFERS + "*", SLOW, times=1)
+    device.reset_enrolled(platform, plugins={})
+    device.shift_time(0, RATE)
+    device.start(faketime=True, env={"FAKETIME_DONT_FAKE_MONOTONIC": "0"})
+    endless = platform.wait_request("GET " + OFFERS + "*")
+    device.wait_status("pluginmgr", NOT_OFFERED, 60)
+    assert 99 / RATE < time.time() - endless.time < 120 / RATE
+    platform.cloud.offer(build("pluginmgr", "9.9"))
+    assert device.get(80025)[0]["pluginNewVersion"] == "9.9"
+    assert platform.requests("GET " + OFFERS + "*")[-1].connection != endless.connection
+
+
 # folder of the link, scheme, which wget; the first download by wget follows a failed internal one
 DOWNLOADS = {"cloud_https": ("packages", "https", None), "cloud_http": ("packages", "http", None),
              "cloud_moved": ("moved", "https", None), "cloud_moved_http": ("moved", "http", None),
@@ -135,8 +153,9 @@ def test_ten_megabytes_from_nginx_by_each_method(device, nginx):
         wait_until(lambda: device.action(pluginName=name, pluginAction="update")["code"] == 0)
     nginx(ANSWERS | {OFFERS + name: offered(name, *how[:2]) for name, how in DOWNLOADS.items()})
     device.reset(settings=ENROLLED, plugins={name: "1.0" for name in DOWNLOADS}, agents=())
-    device.start()
-    wait_until(lambda: device.plugins()["pluginmgr"]["status"] == CHECK_FAILED, what="the offers")
+    device.shift_time(0, RATE)
+    device.start(faketime=True)
+    wait_until(lambda: device.plugins()["pluginmgr"]["status"] == NOT_OFFERED, what="the offers")
     for name, (folder, _scheme, wget) in DOWNLOADS.items():
         device.wget(wget or "busybox")
         update(name)

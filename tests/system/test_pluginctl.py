@@ -8,13 +8,12 @@ import subprocess
 import pytest
 
 from lab.deployment import VERSION
-from lab.device import AGENT_INI, CONTROL_PORT, ENROLLED, NOT_OFFERED, plugin_files, wait_until, write_text
+from lab.device import AGENT_INI, CONTROL_PORT, RESTARTED, plugin_files, write_text
 from lab.package import build
 from lab.platform import Answer
 
 NAME, OLD, NEW = "cloud_phone", "1.0.0", "1.1.0"
 DONE, NOT_DONE, USAGE, NOBODY = 0, 1, 2, 3
-RESTARTED = 7
 
 
 def start(*words):
@@ -35,22 +34,14 @@ def rows(table):
     return {line[0]: line[1:] for line in lines if len(line) == 5}
 
 
-@pytest.fixture
-def enrolled(platform, device):
-    platform.cloud.device.active = True
-    device.reset(settings=ENROLLED, agents=())
-    write_text(AGENT_INI, "[Config]\nUMS_SERVER=ums.example\n")
-
-    def start_and_check():
-        device.start()
-        wait_until(lambda: device.plugins()["pluginmgr"]["status"] in (0, NOT_OFFERED)
-                   and platform.requests("*/apps/pluginmgr"), what="the first check")
-    device.start_and_check = start_and_check
-    return device
+def start_and_check(device):
+    device.start()
+    assert device.get(80025)
 
 
 def test_status_check_and_parameters(platform, enrolled):
-    enrolled.start_and_check()
+    write_text(AGENT_INI, "[Config]\nUMS_SERVER=ums.example\n")
+    start_and_check(enrolled)
     nothing = "check failed or nothing to download"
     code, out, error = run("status")
     assert (code, error) == (DONE, "")
@@ -75,7 +66,7 @@ def test_status_check_and_parameters(platform, enrolled):
 def test_update_watched_to_its_end(platform, enrolled):
     """Installed, up to date, refused, and after that installed all the same."""
     platform.cloud.offer(build(NAME, NEW, slow=1))
-    enrolled.start_and_check()
+    start_and_check(enrolled)
     code, out, error = run("update", NAME, "--watch")
     assert (code, error) == (DONE, "") and out.startswith(NAME + ": requested\n")
     assert re.search(rf"^{NAME}: installed, version {NEW} \(\d+ s\)$", out, re.M), out
@@ -97,14 +88,14 @@ def test_update_watched_to_its_end(platform, enrolled):
     ({"result": "fail"}, {}, "installation failed"), ({}, {"size": 10}, "download failed")])
 def test_update_that_fails(platform, enrolled, made, changes, words):
     platform.cloud.offer(build(NAME, NEW, **made), **changes)
-    enrolled.start_and_check()
+    start_and_check(enrolled)
     code, _out, error = run("update", "--watch", NAME)
     assert (code, error) == (NOT_DONE, f"pluginctl: {NAME}: {words}\n")
 
 
 def test_update_of_the_daemon_is_watched_across_its_restart(platform, enrolled):
     platform.cloud.offer(build("pluginmgr", "1.2.11", files=plugin_files("pluginmgr", "1.2.11")))
-    enrolled.start_and_check()
+    start_and_check(enrolled)
     code, out, error = run("update", "pluginmgr", "--watch")
     assert code == DONE and "pluginmgr: installed, version 1.2.11 (" in out, (out, error)
     assert len(enrolled.daemons()) == 1
@@ -114,7 +105,7 @@ def test_cancel_ends_a_watched_download(platform, enrolled):
     package = build(NAME, NEW, padding=100_000)
     platform.dl.answer("GET *", Answer(package.data, drip=500, drip_pause=0.1))
     platform.cloud.offer(package)
-    enrolled.start_and_check()
+    start_and_check(enrolled)
     code, out, error = run("update", NAME)
     assert (code, error) == (DONE, "") and out.startswith(f"{NAME}: upgrade to {NEW} requested;")
     platform.wait_request("GET /packages/*")

@@ -3,7 +3,7 @@
 
 import pytest
 
-from lab.device import ENROLLED, read_text, wait_until
+from lab.device import AGENTS, read_text, wait_until
 from lab.platform import DEVICE_ID, Answer
 
 READ = "GET /v1/devices/" + DEVICE_ID
@@ -42,8 +42,7 @@ def calls(agent):
     ("", "off", [], True, True, True), ("ON", "off", [], True, True, True),
     ("disable it", "disable it", [], True, False, False)])
 def test_modes_at_start(platform, device, mode, told, cloudae, cloudsafety, cloud, upgrades):
-    platform.cloud.device.active = True
-    device.reset(settings=ENROLLED | {"cloudserver": mode})
+    device.reset_enrolled(platform, {"cloudserver": mode}, AGENTS)
     device.start()
     assert device.get(80000)["id80000"] == told
     if upgrades:
@@ -92,21 +91,19 @@ def test_silent_agent_is_restarted(device, mode, watched, arguments, mute):
     agent.wait_started(4)
 
 
-def test_when_the_periodic_work_is_due(platform, device):
+def test_when_the_periodic_work_is_due(platform, enrolled):
     """After 30 seconds, and at once when the clock goes back; never between requests."""
-    platform.cloud.device.active = True
     platform.api.answer(READ, Answer({"code": 500}))
-    device.reset(settings=ENROLLED, agents=())
-    device.start(faketime=True)
-    idle_pass(device)
+    enrolled.start(faketime=True)
+    idle_pass(enrolled)
     for clock, runs in ((0, False), (20, False), (40, True), (60, False), (35, True), (-90000, True),
                         (-89980, False)):
         before = len(platform.requests(READ))
-        later(device, clock)
+        later(enrolled, clock)
         assert len(platform.requests(READ)) - before == runs, clock
-    device.shift_time(10 * TICK)
+    enrolled.shift_time(10 * TICK)
     for _ in range(200):
-        device.plugins()
+        enrolled.plugins()
     assert len(platform.requests(READ)) == before
-    idle_pass(device)
+    idle_pass(enrolled)
     assert len(platform.requests(READ)) == before + 1

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from lab.device import DEBUG_LOG, ENROLLED, HOSTS, INI, VERSION_LIST, read_text, wait_until, write_text
+from lab.device import DEBUG_LOG, HOSTS, INI, RESTARTED, VERSION_LIST, read_text, wait_until, write_text
 from lab.package import build
 from lab.torture.crash import whole_lines
 
@@ -55,36 +55,34 @@ def read_only_hosts(*_):
         yield mounted.close
 
 
-def test_full_disk_keeps_settings_and_version_list(platform, device):
-    platform.cloud.device.active = True
-    device.reset(settings=ENROLLED, agents=())
+def test_full_disk_keeps_settings_and_version_list(platform, enrolled):
     # so that any longer value needs another page
     missing = 4096 - len(read_text(INI))
     write_text(INI, read_text(INI) + ("#".ljust(99) + "\n") * (missing // 100) + "\n" * (missing % 100))
     with small_disk(os.path.dirname(INI), "64k") as turn:
-        device.start()
+        enrolled.start()
         platform.wait_request("GET /v1/res/upgrade/apps/pluginmgr*")
         turn()
         before = read_text(INI), read_text(VERSION_LIST)
         assert len(before[0]) == 4096
         write_text(PUSHED, "[Config]\nconn_timeout=7\n")
-        device.datagram(b"download cloud file success")
-        assert device.replies(SET + "id80037=pbx.lan|10.0.0.5&id80035=off")  # in effect all the same
+        enrolled.datagram(b"download cloud file success")
+        assert enrolled.replies(SET + "id80037=pbx.lan|10.0.0.5&id80035=off")  # in effect all the same
         platform.cloud.offer(build("cloud_phone", "1.1.0"), force=True)
-        assert device.get(80025)
-        device.wait_status("cloud_phone", 7)
+        assert enrolled.get(80025)
+        enrolled.wait_status("cloud_phone", RESTARTED)
         assert (read_text(INI), read_text(VERSION_LIST)) == before and not os.path.exists(PUSHED)
-        assert device.setting("quorvel_service") is None and device.get(80031)["id80035"] == "off"
+        assert enrolled.setting("quorvel_service") is None and enrolled.get(80031)["id80035"] == "off"
         for key in ("quorvel_service", "conn_timeout"):
-            assert f"{key} not written to {INI}" in device.errors()
-        assert "version list not written, the old one stays: No space left on device" in device.errors()
+            assert f"{key} not written to {INI}" in enrolled.errors()
+        assert "version list not written, the old one stays: No space left on device" in enrolled.errors()
         turn()
-        assert device.replies(SET + "id80035=off") and device.setting("quorvel_service") == "off"
+        assert enrolled.replies(SET + "id80035=off") and enrolled.setting("quorvel_service") == "off"
         platform.cloud.offer(build("cloud_phone", "1.2.0"), force=True)
-        assert device.get(80025)
+        assert enrolled.get(80025)
         wait_until(lambda: "1.2.0" in read_text(VERSION_LIST), 30, "the version list")
         assert len(os.listdir(os.path.dirname(INI))) == 2
-        device.kill_all()
+        enrolled.kill_all()
 
 
 @pytest.mark.parametrize("rotates", [False, True])
