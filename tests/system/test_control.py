@@ -147,7 +147,7 @@ def test_mode_and_state_of_the_agent(device, mode, answer, shown):
             assert query == struct.pack("=I36x", 0x1000)
             if answer is not None:
                 agent.sendto(answer, sender)
-        assert reply.result(20) | {"id80014": ""} == {
+        assert reply.result(10) | {"id80014": ""} == {
             "result": "ok", "code": 0, "id80000": mode, "id80001": shown, "id80014": "", "id80020": True}
         agent.setblocking(False)
         with pytest.raises(BlockingIOError):
@@ -200,7 +200,7 @@ def test_check_without_an_upgrade_thread_times_out(device, early, late):
             with pytest.raises(concurrent.futures.TimeoutError):
                 reply.result(0.7)
         device.shift_time(late)
-        assert [one["pluginName"] for one in reply.result(20)] == [NAME, "pluginmgr"]
+        assert [one["pluginName"] for one in reply.result(10)] == [NAME, "pluginmgr"]
     assert "check plugin update timeout" in device.errors()
 
 
