@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The network client at a TLS server in a thread of the test.
+// The network client on sockets of the test's own: one end of a pair, or a TLS server in a thread.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
@@ -13,9 +12,11 @@
 
 #include <algorithm>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "base/handles.h"
 #include "base/result.h"
@@ -56,6 +57,97 @@ struct loopback_socket {
 
 std::string answer_of(const std::string& body) {
     return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string content_of(FILE* file) {
+    char text[1024] = {};
+    rewind(file);
+    return {text, fread(text, 1, sizeof text, file)};
+}
+
+using pieces = std::vector<std::string>;  // each is one read
+
+pieces byte_by_byte(const std::string& text, size_t from) {
+    pieces all = {text.substr(0, from)};
+    for (const char c : text.substr(from)) {
+        all.emplace_back(1, c);
+    }
+    return all;
+}
+
+struct receive_row {
+    const char* what;
+    pieces sent;
+    size_t size;        // of the buffer
+    std::string saved;  // in the file
+    size_t taken = 99;  // pieces, at most
+    bool cut = false;   // the peer closes after the pieces; else it must not be waited for
+};
+
+void check_receive(const receive_row& r) {
+    SCOPED_TRACE(r.what);
+    int ends[2] = {};
+    const int type = r.sent.size() == 1 ? SOCK_STREAM : SOCK_SEQPACKET;
+    ASSERT_EQ(socketpair(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    const unique_fd near(ends[0]);
+    const unique_fd far(ends[1]);
+    size_t taken = 0;
+    for (size_t i = 0; i < r.sent.size(); i++) {
+        ASSERT_GT(send(far.get(), r.sent[i].data(), r.sent[i].size(), 0), 0);
+        taken += i < r.taken ? r.sent[i].size() : 0;
+    }
+    if (r.cut) {
+        shutdown(far.get(), SHUT_WR);
+    }
+    const file_ptr file(tmpfile());
+    // The sanitizers see a byte behind the terminator's place.
+    const auto buffer = std::make_unique<char[]>(r.size + 1);
+    const long long start = now_ms();
+    EXPECT_EQ(recv_http(near.get(), buffer.get(), r.size, 9, file.get()), static_cast<int>(taken));
+    EXPECT_LT(now_ms() - start, 4000);
+    EXPECT_EQ(content_of(file.get()), r.saved);
+}
+
+TEST_F(net, receives_until_the_announced_length) {
+    const std::string start = "HTTP/1.1 200 OK\r\nContent-Length: ";
+    const std::string small = answer_of("body");
+    const std::string ys(100, 'y');
+    const std::string hundred = answer_of(ys);
+    const receive_row rows[] = {
+        {"fits exactly", {small}, small.size(), "body"},
+        {"one byte too long", {small}, small.size() - 1, "body"},
+        {"header and body byte by byte", byte_by_byte(small, start.size()), 100, "body"},
+        {"buffer filled by the last read", {hundred}, hundred.size() / 2, ys},
+        {"too long, many short reads", byte_by_byte(hundred, 50), 60, ys},
+        {"empty body", {answer_of("")}, 100, ""},
+        {"header without end fills the buffer", {start + std::string(17, '7')}, 50, ""},
+        {"too long and cut off", {start + "999\r\n\r\nabc"}, 43, "abc", 99, true},
+        // without a sensible length, complete with the first read
+        {"no length", {"HTTP/1.1 200 OK\r\n\r\nab", "cd"}, 100, "ab", 1},
+        {"first read too short to tell", {"H", "TTP/1.1 200 OK\r\n\r\n"}, 100, "", 1},
+        {"negative", {start + "-99\r\n\r\nxy"}, 100, "xy"},
+        {"just over an int", {start + "2147483647\r\n\r\n"}, 100, ""},
+    };
+    for (const receive_row& r : rows) {
+        check_receive(r);
+    }
+}
+
+// The result, and behind it what is left of the text.
+std::string redirect(const char* answer) {
+    char text[100] = {};
+    set_text(text, answer);
+    const int result = check_http_redirect(text);
+    return std::to_string(result) + text;
+}
+
+TEST_F(net, tells_redirects) {
+    EXPECT_EQ(redirect("HTTP/1.1 302 Found\r\nLocation: /a/b?c\r\nX: y\r\n"), "0/a/b?c");
+    EXPECT_EQ(redirect("HTTP/1.0 302\r\nLocation:/a\r\n"), "0/a");
+    EXPECT_EQ(redirect("HTTP/1.1 302 Found\r\n"), "0HTTP/1.1 302 Found\r\n");
+    EXPECT_EQ(redirect("HTTP/1.1 302 \r\nLocation: /a"), "1HTTP/1.1 302 \r\nLocation: /a");
+    EXPECT_EQ(redirect("HTTP/1.1 301\r\nLocation: /a\r\n"), "1HTTP/1.1 301\r\nLocation: /a\r\n");
+    EXPECT_EQ(redirect("body 302"), "-1body 302");
 }
 
 void say(SSL* ssl, const std::string& text) {
@@ -200,9 +292,8 @@ int segment_size_with(const char* setting) {
     loopback_socket server;
     socklen_t length = sizeof server.address;
     EXPECT_EQ(listen(server.fd.get(), 1), 0);
-    const unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd client(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     EXPECT_EQ(connect_nonb(client.get(), server.name(), length, 2), 0);
-    EXPECT_EQ(fcntl(client.get(), F_GETFL) & O_NONBLOCK, 0);
     int size = 0;
     length = sizeof size;
     EXPECT_EQ(getsockopt(client.get(), IPPROTO_TCP, TCP_MAXSEG, &size, &length), 0);
