@@ -30,7 +30,7 @@ bool keep_others_out(const char* path) {
         return false;
     }
     return (info.st_mode & WRITABLE_BY_OTHERS) == 0 ||
-           fchmod(folder.get(), info.st_mode & ~WRITABLE_BY_OTHERS & ALLPERMS) == 0;
+           fchmod(folder.get(), info.st_mode & ~(S_IFMT | WRITABLE_BY_OTHERS)) == 0;
 }
 
 // The kernel grants a read lease only while nobody has the file open for writing. File systems
