@@ -44,7 +44,7 @@ def run_all():
 
 def llvm_cov(verb, *options):
     command = ["llvm-cov-14", verb, str(BUILD / "pluginmgr"), f"--instr-profile={MERGED}",
-               *options, str(ROOT / "src")]
+               f"--compilation-dir={ROOT}", "--ignore-filename-regex=/generated/", *options]
     return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
 
 

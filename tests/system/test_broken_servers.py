@@ -100,7 +100,8 @@ ROWS = {
     "a code in a string": (Answer({"code": "1234"}), TOLD, 0), "no code": (Answer({"message": "ok"}), NO_CODE, 0),
     "an empty code": (Answer({"code": ""}), NO_CODE, 0), "an object for a code": (Answer({"code": {"a": 1}}), 0, 0),
     "codes of devices": (Answer({"devices": [{"code": 1234}, {"code": 8}]}), TOLD, 0),
-    "no devices": (Answer({"devices": []}), NO_CODE, 0), "devices of no list": (Answer({"devices": {"code": 7}}), NO_CODE, 0),
+    "no devices": (Answer({"devices": []}), NO_CODE, 0),
+    "devices that are no list": (Answer({"devices": {"code": 7}}), NO_CODE, 0),
     "an array": (Answer([{"code": 1234}]), NO_CODE, 0), "no header": (Answer(raw=CODE), TOLD, 0),
     "the first piece ends in the length": (Answer(raw=sized(13), drip=34), TOLD, 0),
     "without length": (Answer(raw=FIRST + b"\r\n" + CODE), TOLD, 0),
@@ -113,6 +114,7 @@ ROWS = {
     "a flood cut off": (Answer(raw=sized(2 * FLOOD, b"x" * FLOOD), end="close"), NO_CODE, 0),
     "moved to itself": (redirect("/v1/devices/"), NOTHING, 0),
     "moved, but not told where": (Answer(raw=sized(13).replace(b"200 OK", b"302 Found")), NOTHING, 0),
+    "moved, but cut off": (Answer(raw=b"HTTP/1.1 302 Found\r\nLocation: /a"), NO_CODE, 0),
     "moved for good": (Answer(raw=sized(13).replace(b"200 OK", b"301 Moved\r\nLocation: /a")), TOLD, 0),
 }
 

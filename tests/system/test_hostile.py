@@ -110,7 +110,7 @@ INSTALLED = ("list", "substitution", "quote", "second request", "continued", "fo
 def hostile_offers(platform, field):
     """A plug-in for each value, each on offer with that value in the field; the names of all."""
     plugins = {}
-    for value in (VALUES[name][:300] for name in (INSTALLED if field == "to_version" else VALUES)):
+    for value in (VALUES[name][:600] for name in (INSTALLED if field == "to_version" else VALUES)):
         package = build(f"plug{len(plugins):02}", "1.1.0")
         link = f"https://{DOWNLOAD_SERVER}/packages/{package.file_name}"
         fields = {"version_name": {"version_name": value}, "link": {"link": value}, "path": {"link": link + value},

@@ -112,13 +112,12 @@ def test_idle_connections_are_closed_by_nginx(device, nginx):
     wait_until(lambda: [one for one in served(DEVICE) if "PUT" in one[2]][2:], what="the report")
 
 
-RATE = 4
+RATE = 4  # of the daemon's clock
 SLOW = Answer(raw=b"HTTP/1.1 200 OK\r\nContent-Length: 4000\r\n\r\n" + b"x" * 4000, drip=40, drip_pause=4 / RATE)
 
 
 def test_answer_that_never_ends(platform, device):
-    """Never silent for the 10 seconds of a wait, it is given up after ten of them, connection and all.
-    By the daemon's clock, which runs RATE times as fast."""
+    """Never silent for the 10 seconds of a wait, it is given up after ten of them, connection and all."""
     platform.api.answer("GET " + OFFERS + "*", SLOW, times=1)
     device.reset_enrolled(platform, plugins={})
     device.shift_time(0, RATE)

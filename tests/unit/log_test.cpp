@@ -68,6 +68,7 @@ TEST_F(Log, LineFormatAndFilters) {
     log_err("x/bad", 44, "went %s", "wrong");
     EXPECT_EQ(log_event("event %d", 2), 0);
     EXPECT_EQ(log_plain(LOG_CALL, 4, "above its level"), -2);
+    EXPECT_EQ(log_set_level(LOG_COMPONENTS, 4), -1);
     EXPECT_EQ(log_plain(LOG_COMPONENTS, 0, "of no component"), -1);
     log_set_level(LOG_FUNCTION, 0);
     log_enter("unseen");
