@@ -15,8 +15,8 @@ extern std::atomic<int> exit_requested;  // handed to both worker threads
 void install_signal_handlers();
 
 // Ends the daemon with status 0; after a SIGPIPE a new copy starts three seconds later. In a
-// child that has not yet executed another program, and in a download by the daemon's own client, the
-// signal is only counted; one that tells of a fault ends it the next time.
+// child that has not yet executed another program, and in a download by the daemon's own client,
+// the signal is only counted; one that tells of a fault ends it the next time.
 void on_signal(int signo);
 
 // SIGPIPE may interrupt only the idle main thread: a peer that goes away in mid-write is an
