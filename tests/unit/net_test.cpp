@@ -133,23 +133,6 @@ TEST_F(net, receives_until_the_announced_length) {
     }
 }
 
-// The result, and behind it what is left of the text.
-std::string redirect(const char* answer) {
-    char text[100] = {};
-    set_text(text, answer);
-    const int result = check_http_redirect(text);
-    return std::to_string(result) + text;
-}
-
-TEST_F(net, tells_redirects) {
-    EXPECT_EQ(redirect("HTTP/1.1 302 Found\r\nLocation: /a/b?c\r\nX: y\r\n"), "0/a/b?c");
-    EXPECT_EQ(redirect("HTTP/1.0 302\r\nLocation:/a\r\n"), "0/a");
-    EXPECT_EQ(redirect("HTTP/1.1 302 Found\r\n"), "0HTTP/1.1 302 Found\r\n");
-    EXPECT_EQ(redirect("HTTP/1.1 302 \r\nLocation: /a"), "1HTTP/1.1 302 \r\nLocation: /a");
-    EXPECT_EQ(redirect("HTTP/1.1 301\r\nLocation: /a\r\n"), "1HTTP/1.1 301\r\nLocation: /a\r\n");
-    EXPECT_EQ(redirect("body 302"), "-1body 302");
-}
-
 void say(SSL* ssl, const std::string& text) {
     SSL_write(ssl, text.data(), static_cast<int>(text.size()));
 }
