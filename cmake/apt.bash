@@ -1,6 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 # Sourced by the scripts that make sysroots: apt of another architecture. It takes the machine's list
-# of repositories and their keys, nothing else of the machine, and writes into its own folder only.
+# of repositories, their keys and apt's configuration, nothing else of the machine, and writes into
+# its own folder only.
+
+# alone_at FOLDER: waits until no other script makes FOLDER; others wait until this one has ended.
+alone_at() {
+    mkdir -p "$(dirname "$1")"
+    exec 9>"${1%/}.lock"
+    flock 9
+}
 
 # foreign_apt ARCHITECTURE FOLDER: fetches the indexes of packages and of sources into FOLDER.
 foreign_apt() {

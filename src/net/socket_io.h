@@ -54,5 +54,6 @@ constexpr long READ_AGAIN = -2;  // nothing for the reader yet: wait for stream.
 // Whether a reader of an open TLS connection would get something now, the end and half a record
 // included. What the TLS library keeps to itself, such as session tickets, is taken in.
 [[nodiscard]] bool has_payload(const https_conn& conn);
-// Says on an open TLS connection that nothing more will be sent. close_https is still due.
+// Says on an open TLS connection that nothing more will be sent, waiting as a send does until that
+// can be said. close_https is still due.
 void end_sending(https_conn* conn);

@@ -324,7 +324,12 @@ bool has_payload(const https_conn& conn) {
 }
 
 void end_sending(https_conn* conn) {
-    (void)SSL_shutdown(conn->ssl);  // the peer may be gone
+    const long long end = send_deadline();
+    int result = 0;
+    do {
+        ERR_clear_error();
+        result = SSL_shutdown(conn->ssl);  // the peer may be gone
+    } while (result < 0 && send_goes_on(*conn, SSL_get_error(conn->ssl, result), end));
     // Its notice is not awaited when the connection is closed.
     SSL_set_shutdown(conn->ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
     (void)shutdown(conn->socket, SHUT_WR);
