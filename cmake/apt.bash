@@ -32,7 +32,7 @@ foreign_apt() {
 
 # foreign_get ARGUMENTS: of apt-get; what it says is shown only when it fails.
 foreign_get() {
-    if ! apt-get "${apt_options[@]}" -q -y "$@" >"$apt_folder/log" 2>&1; then
+    if ! apt-get "${apt_options[@]}" -q -y "$@" >>"$apt_folder/log" 2>&1; then
         tail -n 20 "$apt_folder/log" >&2
         return 1
     fi
