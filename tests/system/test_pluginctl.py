@@ -119,9 +119,9 @@ def test_cancel_ends_a_watched_download(platform, enrolled):
 
 
 UNANSWERED = "answers other queries but not this one"
-NOT_CHECKED = """PLUG-IN      VERSION  NEW  STATE  SIZE
+NOT_CHECKED = f"""PLUG-IN      VERSION  NEW  STATE  SIZE
 cloud_phone  1.0.0    -    idle      -
-pluginmgr    1.2.10   -    idle      -
+pluginmgr    {VERSION:7}  -    idle      -
 """
 
 

@@ -14,7 +14,7 @@ from lab.deployment import API_SERVER
 from lab.device import (DOWNLOAD_FAILED, DOWNLOADED, ENROLLED, IDLE, INSTALL_FAILED, INSTALLING, NOT_OFFERED, RESTARTED,
                         UP_TO_DATE, VERSION_LIST, agent_program, device_processes, read_text, wait_until, write_text)
 from lab.package import build, sign
-from lab.platform import DEVICE_ID, Answer, basic, redirect
+from lab.platform import DEVICE_ID, Answer, basic
 
 NAME, OLD, NEW = "cloud_phone", "1.0.0", "1.1.0"
 PARTIAL, NO_SIGNATURE, BAD_SIGNATURE = 11, 12, 13
@@ -203,7 +203,7 @@ def test_redirects_of_the_internal_client(platform, enrolled, redirects, status)
     offer_path = f"/packages/{package.file_name}"
     for number in range(redirects):
         following = offer_path if number == redirects - 1 else f"/hop{number + 1}"
-        platform.dl.answer(f"GET /hop{number}", redirect(following))
+        platform.dl.answer(f"GET /hop{number}", Answer(raw=f"HTTP/1.1 302\r\nLocation:{following}\r\n\r\n".encode()))
     host = platform.cloud.offer(package).link.removesuffix(offer_path)
     offer_and_update(platform, enrolled, package, link=host + "/hop0")
     enrolled.wait_status(NAME, status)
