@@ -10,7 +10,8 @@ set(debian_packages
     "^libjson-c\\.so\\.5$"         "libjson-c5 (>= 0.15)"
     "^libpng16\\.so\\.16$"         "libpng16-16 (>= 1.6.2)")
 
-execute_process(COMMAND ${CPACK_PLUGINMGR_READELF} -dV ${CPACK_PLUGINMGR_PROGRAMS}
+execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C
+                    ${CPACK_PLUGINMGR_READELF} -dV ${CPACK_PLUGINMGR_PROGRAMS}
                 OUTPUT_VARIABLE tables COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX MATCHALL "GLIBC_[0-9.]+" symbols "${tables}")
 list(SORT symbols COMPARE NATURAL)
