@@ -4,8 +4,9 @@
 
 Every pair is measured in this run, alternating, and the medians are compared, so that what the
 machine does meanwhile hits both. Targets are printed, never enforced: the exit status only tells
-whether everything could be measured, services that are not installed apart. The running daemon is measured in the lab's sandbox
-(inside.py, growth.py, costs.py, peers.py); digests and downloads, which need no device, outside it.
+whether everything could be measured, services that are not installed apart. The running daemon is
+measured in the lab's sandbox (inside.py, growth.py, costs.py, peers.py); digests and downloads, which
+need no device, outside it.
 """
 import argparse
 import filecmp
