@@ -146,14 +146,15 @@ def idle_device(binary=BUILD / "pluginmgr"):
         device.kill_all()
 
 
-def idle_program(name, *arguments):
+def idle_program(seconds, name, *arguments):
     with running(BUILD / "bench" / name, *arguments) as program:
         time.sleep(1)
-        return idle(program.pid, 2)
+        return idle(program.pid, seconds if "ticks" in arguments else 2)
 
 
 PEERS = {"same libraries": ("empty_threads",), "C++ program": ("empty_cxx_threads",),
-         "same libraries, TLS set up": ("empty_threads", "tls")}
+         "same libraries, TLS set up": ("empty_threads", "tls"),
+         "its ticks alone": ("empty_threads", "ticks")}
 
 
 def measure(options):
@@ -163,7 +164,7 @@ def measure(options):
     looks = {name: [] for name in ("daemon", *PEERS)}
     for left in reversed(range(options.rounds)):
         for name, words in PEERS.items():
-            looks[name].append(idle_program(*words))
+            looks[name].append(idle_program(options.idle, *words))
         if options.before:
             with idle_device(options.before) as daemon:
                 wait_for_answer(CONTROL_PORT, daemon, cpu)
