@@ -81,6 +81,7 @@ enum class peer_state { open, closed, unknown };
                              long long limit = NO_LIMIT);
 
 // Plain HTTP: the descriptor, a non-blocking one, is the caller's. -1 when there is no connection.
+// Time limits as above.
 [[nodiscard]] int connect_http(const char* host, int port);
 [[nodiscard]] int send_http_buf(int socket, const void* data, size_t length);
 [[nodiscard]] int send_http_str(int socket, const char* text);

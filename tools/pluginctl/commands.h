@@ -8,7 +8,7 @@
 #include "client.h"
 
 constexpr int EXIT_DONE = 0;
-constexpr int EXIT_NOT_DONE = 1;  // an error was answered, the upgrade failed, the disk is full
+constexpr int EXIT_NOT_DONE = 1;  // refused, failed or not ended; or the output was not written
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_NOBODY = 3;  // no answer
 
