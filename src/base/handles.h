@@ -3,6 +3,7 @@
 // hand-over is visible as .release() on the line that gives away. No state; any thread.
 #pragma once
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -42,6 +43,11 @@ using file_ptr = std::unique_ptr<FILE, close_file>;
 struct free_text {
     void operator()(char* text) const { free(text); }
 };
+struct close_folder {
+    void operator()(DIR* folder) const { (void)closedir(folder); }
+};
+using folder_ptr = std::unique_ptr<DIR, close_folder>;
+
 // A heap copy of a text, or none. heap_text() of a null pointer is none; a failed allocation too.
 using text_ptr = std::unique_ptr<char, free_text>;
 text_ptr heap_text(const char* text);

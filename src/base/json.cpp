@@ -21,6 +21,12 @@ json_ptr parse_json_file(const char* path) {
     return json_ptr(file ? json_object_from_fd(file.get()) : nullptr);
 }
 
+void add_json_text(json_object* object, const char* key, const char* value) {
+    if (value != nullptr) {
+        json_object_object_add(object, key, json_object_new_string(value));
+    }
+}
+
 json_object* json_member(json_object* value, const char* key) {
     json_object* member = nullptr;
     if (value == nullptr || !json_object_is_type(value, json_type_object)) {

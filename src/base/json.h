@@ -20,6 +20,9 @@ using json_ptr = std::unique_ptr<json_object, release_json>;
 // Parses a file; null when it cannot be read or is not JSON. Quiet: says nothing on stderr.
 [[nodiscard]] json_ptr parse_json_file(const char* path);
 
+// Adds a text to an object; a null value adds nothing.
+void add_json_text(json_object* object, const char* key, const char* value);
+
 // The member of an object, borrowed; null when value is no object or has no such member.
 [[nodiscard]] json_object* json_member(json_object* value, const char* key);
 

@@ -36,6 +36,14 @@ bool format_into(char* out, size_t size, const char* format, ...) {
     return whole;
 }
 
+bool format_text(std::span<char> field, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const bool whole = format_into_v(field.data(), field.size(), format, args);
+    va_end(args);
+    return whole;
+}
+
 bool append_text(char* out, size_t size, std::string_view value) {
     const size_t used = strnlen(out, size);
     return copy_text(out + used, size - used, value);

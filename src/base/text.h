@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -32,14 +33,9 @@ bool set_text(char (&field)[N], std::string_view value) {
     return copy_text(field, N, value);
 }
 
-template <size_t N, typename... Args>
-bool format_text(char (&field)[N], const char* format, Args... args) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-    return format_into(field, N, format, args...);
-#pragma GCC diagnostic pop
-}
+// A span, not a template over the arguments: so the compiler sees format and arguments together.
+bool format_text(std::span<char> field, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // The text in a field, ended by its zero byte or by the field's size.
 template <size_t N>

@@ -71,7 +71,7 @@ int login_accounts(const char* host) {
     }
     const int code = get_response_code_from_json_resp(answer.get());
     if (code != 0) {
-        log_msg(LOG_API, 1, __func__, __LINE__, "login_accounts failed, code %d", code);
+        log_msg(LOG_API, LEVEL_NOTICE, __func__, __LINE__, "login_accounts failed, code %d", code);
         set_text(pluginmgr_config.login_token, "");
         return ERR_LOGIN;
     }

@@ -296,7 +296,8 @@ int take_device_id(json_object* json) {
         log_err(__func__, __LINE__, "havn't device_id");
         return 0;
     }
-    log_msg(LOG_API, 1, __func__, __LINE__, "get device_id %s from api server", device_id);
+    log_msg(LOG_API, LEVEL_NOTICE, __func__, __LINE__, "get device_id %s from api server",
+            device_id);
     set_text(pluginmgr_config.device_id, device_id);
     const int saved = save_device_id(device_id);
     if (saved == 0 && mode_is("on")) {
@@ -367,7 +368,7 @@ int pluginmgr_api_with_param(https_conn* conn, const char* name, const char* par
     call.name = name;
     call.param = param;
     set_text(call.device_id, pluginmgr_config.device_id);
-    log_plain(LOG_API, 1, " %d perform <%s> event.", static_cast<int>(getpid()), name);
+    log_plain(LOG_API, LEVEL_NOTICE, " %d perform <%s> event.", static_cast<int>(getpid()), name);
     const event* what = find_event(name);
     if (what == nullptr) {
         return unknown_event(call);

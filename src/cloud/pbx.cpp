@@ -81,20 +81,16 @@ int exchange(const char* request, const char* body_file, json_ptr* answer, char*
     return result;
 }
 
-void add_string(json_object* object, const char* key, const char* value) {
-    json_object_object_add(object, key, json_object_new_string(value));
-}
-
 json_ptr activation_body(const credentials& who, const char* vcode) {
     json_ptr body(json_object_new_object());
-    add_string(body.get(), "mac", who.mac);
-    add_string(body.get(), "device_type", pluginmgr_config.hw_revision);
-    add_string(body.get(), "device_id", pluginmgr_config.device_id);
+    add_json_text(body.get(), "mac", who.mac);
+    add_json_text(body.get(), "device_type", pluginmgr_config.hw_revision);
+    add_json_text(body.get(), "device_id", pluginmgr_config.device_id);
     if (vcode != nullptr) {
-        add_string(body.get(), "vcode", vcode);
+        add_json_text(body.get(), "vcode", vcode);
     }
-    add_string(body.get(), "timestamp", who.timestamp);
-    add_string(body.get(), "sign", who.sign);
+    add_json_text(body.get(), "timestamp", who.timestamp);
+    add_json_text(body.get(), "sign", who.sign);
     return body;
 }
 
@@ -130,7 +126,7 @@ int ask_activation(const activation& what, json_ptr* answer, char* header) {
     }
     const json_ptr body = activation_body(who, what.vcode);
     const char* text = json_object_to_json_string(body.get());
-    log_plain(LOG_API, 1, " send %s request %s", what.name, text);
+    log_plain(LOG_API, LEVEL_NOTICE, " send %s request %s", what.name, text);
     char request[PBX_REQUEST_SIZE] = {};
     build_post(request, what.path, text);
     return exchange(request, what.body_file, answer, header);
@@ -170,7 +166,7 @@ int read_with_code(const char* name, const read_request& what, json_ptr* answer)
         return exchanged;
     }
     const int code = get_response_code_from_json_resp(answer->get());
-    log_msg(LOG_API, 1, name, __LINE__, "%s return code %d", name, code);
+    log_msg(LOG_API, LEVEL_NOTICE, name, __LINE__, "%s return code %d", name, code);
     return code;
 }
 
@@ -213,7 +209,7 @@ int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]) {
         return exchanged;
     }
     if (answer != nullptr) {  // an error object in place of the image
-        log_msg(LOG_API, 1, __func__, __LINE__, "quorvel_active failed, code %d",
+        log_msg(LOG_API, LEVEL_NOTICE, __func__, __LINE__, "quorvel_active failed, code %d",
                 get_response_code_from_json_resp(answer.get()));
         return ERR_PBX_REFUSED;
     }
@@ -245,7 +241,7 @@ int quorvel_active(const char* vcode) {
     }
     const int code = get_response_code_from_json_resp(answer.get());
     if (code != 0) {
-        log_msg(LOG_API, 1, __func__, __LINE__, "quorvel_active failed, code %d", code);
+        log_msg(LOG_API, LEVEL_NOTICE, __func__, __LINE__, "quorvel_active failed, code %d", code);
         set_text(pluginmgr_config.quorvel_token, "");
         return ERR_PBX_REFUSED;
     }

@@ -37,7 +37,7 @@ bool needs_activation() {
 }
 
 int activate() {
-    log_plain(LOG_SYSTEM, 0, " this device need active.");
+    log_plain(LOG_SYSTEM, LEVEL_ALWAYS, " this device need active.");
     const int code = perform("active");
     if (code == 0) {
         bind_by_token();

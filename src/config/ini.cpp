@@ -12,11 +12,15 @@
 #include <string>
 
 #include "base/handles.h"
+#include "base/lock.h"
 #include "base/text.h"
 #include "config/in_place.h"
 #include "log/tb_log.h"
 
 namespace {
+
+// One thread at a time. Readers take it as well, or they might meet half of a write.
+pthread_mutex_t file_lock = PTHREAD_MUTEX_INITIALIZER;
 
 constexpr int END_OF_FILE = 1;  // of next_line, beside 0 and the INI codes
 constexpr char FORM_FEED = 12;
@@ -215,7 +219,7 @@ int look_up(const char* path, std::string_view section, std::string_view key, st
     line_reader in = {};
     in.file.reset(fopen(path, "re"));
     if (!in.file) {
-        log_msg(LOG_FUNCTION, 1, "config", 411, "open config file %s failed", path);
+        log_msg(LOG_FUNCTION, LEVEL_NOTICE, "config", 411, "open config file %s failed", path);
         return INI_NOT_OPENED;
     }
     int code = find_section(&in, section);
@@ -344,7 +348,7 @@ int rewrite_file(const char* path, const position& place, const char* key, const
     if (!read_text(draft.get(), &text) || put_in_place(path, text) != 0) {
         return INI_NOT_CREATED;
     }
-    log_plain(LOG_SYSTEM, 0, " set %s=%s", key, value);
+    log_plain(LOG_SYSTEM, LEVEL_ALWAYS, " set %s=%s", key, value);
     return 0;
 }
 
@@ -358,31 +362,11 @@ int set_pair(const char* path, const char* section, const char* key, const char*
     return code == 0 || code == INI_NO_KEY ? rewrite_file(path, place, key, value) : code;
 }
 
-// One thread at a time, which cannot be cancelled: it would never give the lock back. Readers take
-// it as well, or they might meet half of a write.
-class file_lock {
-  public:
-    file_lock() {
-        (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-        pthread_mutex_lock(&mutex_);
-    }
-    ~file_lock() {
-        pthread_mutex_unlock(&mutex_);
-        (void)pthread_setcancelstate(cancel_state_, nullptr);
-    }
-    file_lock(const file_lock&) = delete;
-    file_lock& operator=(const file_lock&) = delete;
-
-  private:
-    static inline pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
-    int cancel_state_ = 0;
-};
-
 }  // namespace
 
 int ini_get(const char* path, std::string_view section, std::string_view key, char* out,
             size_t size) {
-    const file_lock lock;
+    const mutex_guard lock(&file_lock);
     std::string value;
     position place = {};
     const int code = look_up(path, section, key, &value, &place);
@@ -393,7 +377,7 @@ int ini_get(const char* path, std::string_view section, std::string_view key, ch
 }
 
 bool ini_mentions(const char* path, std::string_view key) {
-    const file_lock lock;
+    const mutex_guard lock(&file_lock);
     line_reader in = {};
     in.file.reset(fopen(path, "re"));
     while (in.file && next_line(&in) == 0) {
@@ -407,11 +391,11 @@ bool ini_mentions(const char* path, std::string_view key) {
 
 int ini_set(const char* path, const char* section, const char* key, const char* value) {
     if (!is_storable(section, key, value)) {
-        log_msg(LOG_SYSTEM, 0, __func__, __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_ALWAYS, __func__, __LINE__,
                 "value of %s would not read back as it is, not written", key);
         return INI_WRITE_ERROR;
     }
-    const file_lock lock;
+    const mutex_guard lock(&file_lock);
     const int code = set_pair(path, section, key, value);
     if (code != 0) {
         log_err(__func__, __LINE__, "%s not written to %s, code %d", key, path, code);
@@ -420,7 +404,7 @@ int ini_set(const char* path, const char* section, const char* key, const char* 
 }
 
 int ini_list_sections(const char* path, std::span<ini_name> names) {
-    const file_lock lock;
+    const mutex_guard lock(&file_lock);
     line_reader in = {};
     in.file.reset(fopen(path, "re"));
     if (!in.file) {
@@ -444,7 +428,7 @@ int ini_list_sections(const char* path, std::span<ini_name> names) {
 }
 
 int ini_list_keys(const char* path, std::string_view section, std::span<ini_name> names) {
-    const file_lock lock;
+    const mutex_guard lock(&file_lock);
     line_reader in = {};
     in.file.reset(fopen(path, "re"));
     if (!in.file) {
@@ -463,7 +447,7 @@ int ini_list_keys(const char* path, std::string_view section, std::span<ini_name
 }
 
 int replace_file(const char* path, std::string_view text) {
-    const file_lock lock;
+    const mutex_guard lock(&file_lock);
     return put_in_place(path, std::string(text));
 }
 

@@ -120,9 +120,10 @@ void load_text(const char* path, const setting& row, settings* config) {
         return;
     }
     if (row.log == log_as::length) {
-        log_plain(LOG_SYSTEM, 1, " %s length %d", row.key, static_cast<int>(strlen(field.data())));
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " %s length %d", row.key,
+                  static_cast<int>(strlen(field.data())));
     } else {
-        log_plain(LOG_SYSTEM, 1, " %s=%s", row.key, field.data());
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " %s=%s", row.key, field.data());
     }
 }
 
@@ -133,9 +134,9 @@ void load_number(const char* path, const setting& row, settings* config) {
     }
     if (number < row.minimum) {
         number = row.minimum;
-        log_plain(LOG_SYSTEM, 1, " %s minimum %d seconds", row.key, row.minimum);
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " %s minimum %d seconds", row.key, row.minimum);
     }
-    log_plain(LOG_SYSTEM, 1, " %s=%d", row.key, number);
+    log_plain(LOG_SYSTEM, LEVEL_NOTICE, " %s=%d", row.key, number);
 }
 
 void load_heap_text(const char* path, const setting& row, settings* config) {
@@ -147,7 +148,7 @@ void load_heap_text(const char* path, const setting& row, settings* config) {
 }  // namespace
 
 void load_settings(settings* config, const char* own_file, const char* agent_file) {
-    log_plain(LOG_SYSTEM, 1, " - using %s", own_file);
+    log_plain(LOG_SYSTEM, LEVEL_NOTICE, " - using %s", own_file);
     for (const setting& row : SETTINGS) {
         const char* path = row.from == source::own_file ? own_file : agent_file;
         if (row.text != nullptr) {
@@ -161,7 +162,7 @@ void load_settings(settings* config, const char* own_file, const char* agent_fil
 }
 
 int read_update_config(settings* config, const char* file) {
-    log_plain(LOG_SYSTEM, 5, " - get Update Config from %s", file);
+    log_plain(LOG_SYSTEM, LEVEL_TRACE, " - get Update Config from %s", file);
     for (const setting& row : PUSHED_SETTINGS) {
         if (row.text != nullptr) {
             const std::span<char> field = row.text(config);

@@ -59,7 +59,8 @@ void take_run_mode(const settings& pushed) {
     }
     const bool off = strcmp(pluginmgr_config.cloudserver, "off") == 0;
     (void)do_app_action("cloudae", off ? "stop" : "restart");  // the agent watch looks after it
-    log_plain(LOG_SYSTEM, 1, " cloudae %s since autoupd update", pluginmgr_config.cloudserver);
+    log_plain(LOG_SYSTEM, LEVEL_NOTICE, " cloudae %s since autoupd update",
+              pluginmgr_config.cloudserver);
 }
 
 // A pushed token, also an unchanged one, is the occasion to finish activation and binding.
@@ -69,10 +70,10 @@ void take_active_token(const settings& pushed) {
         return;
     }
     if (take_text(live.active_token, pushed.active_token, "active_token")) {
-        log_plain(LOG_SYSTEM, 1, " active_token changed since autoupd update");
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " active_token changed since autoupd update");
     }
     if (!has_prefix(live.active_state, "true") || is_empty(live.device_key)) {
-        log_plain(LOG_SYSTEM, 0, " this device need active.");
+        log_plain(LOG_SYSTEM, LEVEL_ALWAYS, " this device need active.");
         (void)pluginmgr_api(nullptr, "active");  // the idle passes try again
     }
     if (has_prefix(live.bind_status, "true")) {
@@ -80,26 +81,28 @@ void take_active_token(const settings& pushed) {
     }
     const int code = pluginmgr_api(nullptr, "bind_actoken");
     if (code != 0) {
-        log_plain(LOG_SYSTEM, 1, " bind failed by active_token, rc = %d", code);
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " bind failed by active_token, rc = %d", code);
     }
 }
 
 void take_numbers(const settings& pushed) {
     settings& live = pluginmgr_config;
     if (take_number(&live.conn_timeout, pushed.conn_timeout, "Config", "conn_timeout")) {
-        log_plain(LOG_SYSTEM, 1, " conn_timeout change to %d since autoupd update",
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " conn_timeout change to %d since autoupd update",
                   live.conn_timeout);
     }
     // No lower limit here, unlike at start-up: a push may ask for short cycles.
     if (take_number(&live.checkcycle, pushed.checkcycle, "Update", "checkcycle")) {
-        log_plain(LOG_SYSTEM, 1, " checkcycle change to %d since autoupd update", live.checkcycle);
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " checkcycle change to %d since autoupd update",
+                  live.checkcycle);
     }
 }
 
 void take_servers(const settings& pushed) {
     settings& live = pluginmgr_config;
     if (take_text(live.api_server, pushed.api_server, "api_server")) {
-        log_plain(LOG_SYSTEM, 1, " api_server change to %s since autoupd update", live.api_server);
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " api_server change to %s since autoupd update",
+                  live.api_server);
         {
             const client_lock lock;
             forget_server(&api_connection);
@@ -107,7 +110,7 @@ void take_servers(const settings& pushed) {
         drop_upgrade_connection();
     }
     if (take_text(live.accounts_server, pushed.accounts_server, "accounts_server")) {
-        log_plain(LOG_SYSTEM, 1, " accounts_server change to %s since autoupd update",
+        log_plain(LOG_SYSTEM, LEVEL_NOTICE, " accounts_server change to %s since autoupd update",
                   live.accounts_server);
         forget_server(&accounts_connection);
     }
@@ -118,13 +121,13 @@ void take_servers(const settings& pushed) {
 int handle_update_config() {
     struct stat state = {};
     if (stat(PUSHED_SETTINGS_FILE, &state) != 0) {
-        log_msg(LOG_SERVICE, 7, "handle_update_config", 182, "Update Config file %s not exist",
-                PUSHED_SETTINGS_FILE);
+        log_msg(LOG_SERVICE, LEVEL_DEBUG, "handle_update_config", 182,
+                "Update Config file %s not exist", PUSHED_SETTINGS_FILE);
         return 0;
     }
     settings pushed = {};
     (void)read_update_config(&pushed);  // always 0
-    log_msg(LOG_SERVICE, 5, "handle_update_config", 187, "Update Config %s,%s,%s",
+    log_msg(LOG_SERVICE, LEVEL_TRACE, "handle_update_config", 187, "Update Config %s,%s,%s",
             pushed.cloudserver, pushed.api_server, pushed.accounts_server);
     take_run_mode(pushed);
     take_active_token(pushed);

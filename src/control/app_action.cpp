@@ -43,7 +43,8 @@ void restart_or_stop(const char* name, const char* action) {
     const std::string words = shell_words(name);
     run_shell_format("killall -9 %s ", words.c_str());
     sleep(1);
-    log_msg(LOG_SYSTEM, 1, "do_app_action", __LINE__, "%s will do action %s", name, action);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "do_app_action", __LINE__, "%s will do action %s", name,
+            action);
     if (has_prefix(action, "restart")) {
         run_shell_format("/var/run/%s &", words.c_str());
         sleep(1);

@@ -17,13 +17,13 @@ namespace {
 int act_on_plugin(const char* name, std::string_view action) {
     if (action == "update") {
         const int code = startPluginAppUpdate(name);
-        log_msg(LOG_SYSTEM, 1, "handle_app_request", __LINE__, "update pluginName %s, rc %d", name,
-                code);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "handle_app_request", __LINE__,
+                "update pluginName %s, rc %d", name, code);
         return code;
     }
     if (action == "cancel") {
         const int code = stopPluginAppUpdate(name);
-        log_msg(LOG_SYSTEM, 1, "handle_app_request", __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "handle_app_request", __LINE__,
                 "cancel pluginName %s upgrade, rc %d", name, code);
         return code;
     }

@@ -75,8 +75,8 @@ uint32_t boa_request::word(size_t offset) const {
 void send_reply(const boa_request& request, std::string_view json) {
     json = json.substr(0, REPLY_BODY);
     send_to_peer(request, json);
-    log_msg(LOG_SERVICE, 7, __func__, __LINE__, "send - %.*s", static_cast<int>(json.size()),
-            json.data());
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, __func__, __LINE__, "send - %.*s",
+            static_cast<int>(json.size()), json.data());
 }
 
 const char* result_word(int code) {
@@ -91,12 +91,13 @@ void send_result(const boa_request& request, int code, bool trace_length) {
         return;
     }
     send_to_peer(request, body);
-    log_msg(LOG_SERVICE, 7, "handle_config_set", __LINE__, "send - %s(%zu)", body, strlen(body));
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, "handle_config_set", __LINE__, "send - %s(%zu)", body,
+            strlen(body));
 }
 
 int http_handle_query(const boa_request& request, int /*port*/) {
     const char* query = request.query();
-    log_msg(LOG_SERVICE, 7, __func__, __LINE__, "response - %s", query);
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, __func__, __LINE__, "response - %s", query);
     if (activation_state != 0 && !mode_is("ums") && is_pbx_page(query)) {
         activation_state = active_device();
     }
@@ -104,8 +105,8 @@ int http_handle_query(const boa_request& request, int /*port*/) {
     if (!name) {
         return 0;
     }
-    log_msg(LOG_SERVICE, 5, __func__, __LINE__, "method=%.*s", static_cast<int>(name->size()),
-            name->data());
+    log_msg(LOG_SERVICE, LEVEL_TRACE, __func__, __LINE__, "method=%.*s",
+            static_cast<int>(name->size()), name->data());
     for (const method& row : methods) {
         if (*name == row.name) {
             row.handle(request);

@@ -36,7 +36,7 @@ void resend_boa_report() {
     if (!pending_report || mode_is("ums")) {
         return;
     }
-    log_plain(LOG_SYSTEM, 1, " try resend boa_report:%s", pending_report.get());
+    log_plain(LOG_SYSTEM, LEVEL_NOTICE, " try resend boa_report:%s", pending_report.get());
     if (pluginmgr_api_with_param(nullptr, "app_report", pending_report.get()) == 0 ||
         retry_count >= MOST_RETRIES) {
         pending_report.reset();

@@ -110,7 +110,7 @@ void answer_authcode(const boa_request& request) {
 void answer_user_server(const boa_request& request, const char* id, const char* key) {
     char value[128] = {};
     if (ini_get(SETTINGS_FILE, "Config", key, value, sizeof value) != 0 || is_empty(value)) {
-        log_msg(LOG_SYSTEM, 1, "handle_config_get", __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "handle_config_get", __LINE__,
                 "Get %s(%s) failed or no parameter in config file", key, id);
     }
     char body[256] = {};

@@ -43,8 +43,8 @@ std::optional<std::string_view> logged_value(const change& now, std::string_view
                                              const char* prefix = "") {
     const std::optional<std::string_view> value = value_of(now, key);
     if (value) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "%s%.*s%.*s, len=%d", prefix, length_of(key),
-                key.data(), length_of(*value), value->data(), length_of(*value));
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "%s%.*s%.*s, len=%d", prefix,
+                length_of(key), key.data(), length_of(*value), value->data(), length_of(*value));
     }
     return value;
 }
@@ -138,7 +138,7 @@ void set_ums_server(change& now) {
 
 void restart_if_needed(const change& now) {
     if (now.needs_restart) {
-        log_msg(LOG_SYSTEM, 0, FUNCTION, __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_ALWAYS, FUNCTION, __LINE__,
                 " pluginmgr run mode change to %s, try restart!!!", pluginmgr_config.cloudserver);
         run_shell("sleep 1 && /var/run/pluginmgr &");
         _exit(0);  // not exit(): its destructors would race with the other threads
@@ -234,7 +234,7 @@ constexpr user_server USER_SERVERS[] = {
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 void log_pin(const char* format, const server_pin& pin) {
-    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, format, pin.address, pin.host);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, format, pin.address, pin.host);
 }
 
 #pragma GCC diagnostic pop
@@ -248,7 +248,7 @@ void move_pin(const user_server& which, const char* old_value, const char* new_v
         }
     }
     if (is_empty(new_value)) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "%s", which.empty_text);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "%s", which.empty_text);
         return;
     }
     const server_pin new_pin = split_server_pin(new_value);

@@ -45,7 +45,7 @@ bool open_control_port() {
         log_err("param_id", __LINE__, "open socket error");
         return false;
     }
-    log_msg(LOG_SYSTEM, 1, "param_id", __LINE__, "param config thread start %d",
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "param_id", __LINE__, "param config thread start %d",
             static_cast<int>(getpid()));
     boa.peer = {};
     boa.peer.sin_family = AF_INET;
@@ -58,9 +58,10 @@ bool open_control_port() {
         return false;
     }
     const int closes = fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
-    log_msg(LOG_SYSTEM, 1, "param_id", __LINE__, "close_on_exec, rc=%d", closes);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "param_id", __LINE__, "close_on_exec, rc=%d", closes);
     boa.socket = fd.release();
-    log_msg(LOG_SYSTEM, 1, "param_id", __LINE__, "pluginmgr thread start - fd=%d", boa.socket);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "param_id", __LINE__, "pluginmgr thread start - fd=%d",
+            boa.socket);
     return true;
 }
 
@@ -69,12 +70,12 @@ void note_new_settings() {
 }
 
 void note_cloudae() {
-    log_msg(LOG_SERVICE, 5, "param_id", __LINE__, "got keepcloudae");
+    log_msg(LOG_SERVICE, LEVEL_TRACE, "param_id", __LINE__, "got keepcloudae");
     last_keepcloudae = time(nullptr);
 }
 
 void note_cloudsafety() {
-    log_msg(LOG_SERVICE, 5, "param_id", __LINE__, "got keepcloudsafety");
+    log_msg(LOG_SERVICE, LEVEL_TRACE, "param_id", __LINE__, "got keepcloudsafety");
     last_keepcloudsafety = time(nullptr);
 }
 
@@ -113,7 +114,7 @@ void handle_datagram() {
     if (handle_notice({request.bytes, static_cast<size_t>(length)})) {
         return;
     }
-    log_msg(LOG_SERVICE, 5, "param_id", __LINE__,
+    log_msg(LOG_SERVICE, LEVEL_TRACE, "param_id", __LINE__,
             "pluginmgr rcv from boa - cookie=%d,remote_ip=%x,num_variable=%d",
             static_cast<int>(request.cookie()), request.remote_ip(),
             static_cast<int>(request.num_variable()));

@@ -24,13 +24,9 @@ constexpr size_t SIP_TEXT_SIZE = 64;
 
 json_ptr new_reply() {
     json_ptr reply(json_object_new_object());
-    json_object_object_add(reply.get(), "result", json_object_new_string("ok"));
+    add_json_text(reply.get(), "result", "ok");
     json_object_object_add(reply.get(), "code", json_object_new_int(0));
     return reply;
-}
-
-void add_string(const json_ptr& reply, const char* key, const char* value) {
-    json_object_object_add(reply.get(), key, json_object_new_string(value));
 }
 
 void send_json(const boa_request& request, const json_ptr& reply) {
@@ -161,17 +157,17 @@ void answer_pbx_state(const boa_request& request) {
         }
     }
     const json_ptr reply = new_reply();
-    add_string(reply, "id80035", pluginmgr_config.quorvel_service);
+    add_json_text(reply.get(), "id80035", pluginmgr_config.quorvel_service);
     json_ptr status = parse_json_file(PBX_STATUS_FILE);
     if (state.status == 0 && status != nullptr) {
         take_status(&state, reply, std::move(status));
     } else if (state.status == PBX_TOKEN_REFUSED) {
         forget_token(&state);
     }
-    add_string(reply, "id80031", state.registered);
-    add_string(reply, "id80032", state.reachable);
-    add_string(reply, "id80033", state.user);
-    add_string(reply, "id80034", state.server);
+    add_json_text(reply.get(), "id80031", state.registered);
+    add_json_text(reply.get(), "id80032", state.reachable);
+    add_json_text(reply.get(), "id80033", state.user);
+    add_json_text(reply.get(), "id80034", state.server);
     send_json(request, reply);
 }
 
@@ -187,8 +183,8 @@ void answer_pbx_extensions(const boa_request& request) {
         return;
     }
     const json_ptr reply = new_reply();
-    add_string(reply, "extensions", extensions);
-    add_string(reply, "join_prefix", join_prefix);
+    add_json_text(reply.get(), "extensions", extensions);
+    add_json_text(reply.get(), "join_prefix", join_prefix);
     send_json(request, reply);
 }
 

@@ -55,7 +55,7 @@ void watch_cloudae(time_t now) {
     if (mode_is("on") || mode_is("ums")) {
         // Neither can be refused: both arguments are there.
         (void)do_app_action(mode_is("ums") ? "cloudae --ums" : "cloudae", "restart");
-        log_plain(LOG_SYSTEM, 0,
+        log_plain(LOG_SYSTEM, LEVEL_ALWAYS,
                   " cloudae is not running, start cloudae since cloudserver on or ums");
     }
 }

@@ -32,7 +32,7 @@ bool is_plain_word(const char* text) {
 
 bool is_safe_address(const char* ip) {
     if (!is_dotted_ipv4(ip)) {
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "no address for %s:%s", HOSTS_FILE,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "no address for %s:%s", HOSTS_FILE,
                 ip == nullptr ? "" : ip);
         return false;
     }
@@ -41,7 +41,7 @@ bool is_safe_address(const char* ip) {
 
 bool is_safe_pair(const char* domain, const char* ip) {
     if (!is_plain_word(domain)) {
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "no domain for %s:%s", HOSTS_FILE,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "no domain for %s:%s", HOSTS_FILE,
                 domain == nullptr ? "" : domain);
         return false;
     }
@@ -93,7 +93,8 @@ void replace_address(const char* old_ip, const char* ip, const char* domain) {
     char command[MAX_REPLACE_COMMAND] = {};
     if (format_text(command, "sed -i 's#.*%s.*#%s %s#' /etc/hosts", old_ip, ip, domain)) {
         change_hosts("checkHostsFile", command);
-        log_msg(LOG_SYSTEM, 1, "checkHostsFile", __LINE__, "replace to hosts:%s %s\n", ip, domain);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "checkHostsFile", __LINE__, "replace to hosts:%s %s\n",
+                ip, domain);
     }
 }
 
@@ -101,7 +102,8 @@ void add_address(const char* ip, const char* domain) {
     char command[MAX_COMMAND] = {};
     if (format_text(command, "sed -i '1a%s %s' /etc/hosts", ip, domain)) {
         change_hosts("checkHostsFile", command);
-        log_msg(LOG_SYSTEM, 1, "checkHostsFile", __LINE__, "add new to hosts:%s %s\n", ip, domain);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "checkHostsFile", __LINE__, "add new to hosts:%s %s\n",
+                ip, domain);
     }
 }
 
@@ -126,7 +128,7 @@ int add_domain_to_hosts(const char* ip, const char* domain) {
     if (is_safe_pair(domain, ip) &&
         format_text(command, "echo %s %s %s >> /etc/hosts", ip, domain, domain)) {
         change_hosts(__func__, command);
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "Add domain cmd=%s", command);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "Add domain cmd=%s", command);
     }
     return 0;
 }
@@ -136,7 +138,7 @@ int delete_domain_in_hosts(const char* ip, const char* /*domain*/) {
     char command[MAX_COMMAND] = {};
     if (is_safe_address(ip) && format_text(command, "sed -i '/%s/'d /etc/hosts", ip)) {
         change_hosts(__func__, command);
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "delete domain cmd=%s", command);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "delete domain cmd=%s", command);
     }
     return 0;
 }

@@ -120,8 +120,8 @@ void load_device_id(settings* config) {
     char id[DEVICE_ID_SIZE] = {};
     const bool bad = read_flash_device_id(&id) != 0 || is_bad_device_id(id) != 0;
     set_text(config->device_id, bad ? NO_DEVICE_ID : id);
-    log_msg(LOG_FUNCTION, 4, __func__, __LINE__, "pluginmgr get devid=%s(%d)", config->device_id,
-            static_cast<int>(strlen(config->device_id)));
+    log_msg(LOG_FUNCTION, LEVEL_DETAIL, __func__, __LINE__, "pluginmgr get devid=%s(%d)",
+            config->device_id, static_cast<int>(strlen(config->device_id)));
 }
 
 int get_ifc_mac(unsigned char out[6], const char* interface) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string_view>
 
+#include "base/handles.h"
 #include "base/result.h"
 #include "base/text.h"
 
@@ -14,10 +15,6 @@ namespace {
 
 constexpr size_t EXE_PATH_SIZE = 128;  // of an executable's path, terminator included
 constexpr size_t LINK_PATH_SIZE = 64;
-
-struct close_directory {
-    void operator()(DIR* directory) const { (void)closedir(directory); }
-};
 
 bool runs(const char* pid, std::string_view name) {
     char link[LINK_PATH_SIZE] = {};
@@ -32,7 +29,7 @@ bool runs(const char* pid, std::string_view name) {
 }  // namespace
 
 int find_process_by_exe(const char* name, char (*pid_out)[PID_TEXT_SIZE]) {
-    const std::unique_ptr<DIR, close_directory> processes(opendir("/proc"));
+    const folder_ptr processes(opendir("/proc"));
     if (!processes || is_empty(name)) {
         return FAILED;
     }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/handles.h"
 #include "base/result.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -27,10 +28,6 @@ constexpr size_t REVISION_START = 4;  // both revisions have four characters bef
 constexpr size_t LINE_SIZE = 1025;
 constexpr size_t UPTIME_LINE = 128;
 constexpr size_t PATH_SIZE = 512;
-
-struct close_directory {
-    void operator()(DIR* directory) const { (void)closedir(directory); }
-};
 
 void set_hardware_revision(std::string_view value) {
     const size_t blank = value.find(' ', REVISION_START);
@@ -108,7 +105,7 @@ long write_cloud_version(std::string_view text) {
 
 int list_versions(char* out, size_t size) {
     copy_text(out, size, "");
-    const std::unique_ptr<DIR, close_directory> folder(opendir(VERSIONS_FOLDER));
+    const folder_ptr folder(opendir(VERSIONS_FOLDER));
     if (!folder) {
         printf("open /var/log/versions fail");
         return FAILED;

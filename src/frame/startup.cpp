@@ -38,7 +38,8 @@ void start_logging() {
     for (int component = 0; component < LOG_COMPONENTS; component++) {
         log_set_level(component, LEVEL_EVERYTHING);
     }
-    log_msg(LOG_SYSTEM, 0, "pid", getpid(), "Version %s, %s", daemon_version, PLUGINMGR_BUILD_DATE);
+    log_msg(LOG_SYSTEM, LEVEL_ALWAYS, "pid", getpid(), "Version %s, %s", daemon_version,
+            PLUGINMGR_BUILD_DATE);
 }
 
 void learn_device() {
@@ -154,7 +155,7 @@ int add_env(const char* name, const char* value) {
     if (result != 0) {
         log_err(__func__, __LINE__, "set env %s to %s failed\n", name, text);
     } else {
-        log_msg(LOG_SYSTEM, 0, __func__, __LINE__, "set env %s to %s\n", name, text);
+        log_msg(LOG_SYSTEM, LEVEL_ALWAYS, __func__, __LINE__, "set env %s to %s\n", name, text);
     }
     return result;
 }

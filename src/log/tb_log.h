@@ -22,6 +22,15 @@ constexpr int LOG_API = 3;
 constexpr int LOG_SERVICE = 4;
 constexpr int LOG_COMPONENTS = 5;
 
+// Levels of lines; a component shows those up to its own. 1 is the default.
+constexpr int LEVEL_ALWAYS = 0;    // changes of state and settings
+constexpr int LEVEL_NOTICE = 1;    // what happens
+constexpr int LEVEL_WARNING = 2;   // what looks wrong
+constexpr int LEVEL_PROGRESS = 3;  // what happens to connections and answers
+constexpr int LEVEL_DETAIL = 4;    // figures behind a decision
+constexpr int LEVEL_TRACE = 5;     // requests, answers and single reads
+constexpr int LEVEL_DEBUG = 7;     // whole texts, with what is secret in them
+
 // Output modes.
 constexpr int LOG_TO_NONE = 0;
 constexpr int LOG_TO_FILE = 1;

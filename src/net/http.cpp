@@ -20,6 +20,7 @@
 
 https_conn api_connection;
 https_conn accounts_connection;
+pthread_mutex_t api_connection_lock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -28,8 +29,6 @@ constexpr size_t MIN_TOKEN = 2;
 constexpr size_t MIN_CREDENTIAL = 2;  // shorter ones are not sent
 constexpr size_t CODE_SIZE = 16;
 constexpr std::string_view HEADER_END = "\r\n\r\n";
-
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 
 // The ways of authorisation, told apart by the beginning of their names.
 struct credential_kind {
@@ -50,7 +49,7 @@ void encode_credential(const char* auth, char* out) {
             continue;
         }
         if (strlen(kind.secret) < kind.min_secret) {
-            log_msg(LOG_API, PROGRESS, "construct_request", __LINE__,
+            log_msg(LOG_API, LEVEL_PROGRESS, "construct_request", __LINE__,
                     "active_token doesn't config");
             return;
         }
@@ -67,15 +66,16 @@ struct request_text {
     size_t size;
     bool whole = true;
 
-    template <typename... Args>
-    void add(const char* format, Args... args) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-        whole = append_format(out, size, format, args...) && whole;
-#pragma GCC diagnostic pop
-    }
+    void add(const char* format, ...) __attribute__((format(printf, 2, 3)));
 };
+
+void request_text::add(const char* format, ...) {
+    const size_t used = strlen(out);
+    va_list args;
+    va_start(args, format);
+    whole = format_into_v(out + used, size - used, format, args) && whole;
+    va_end(args);
+}
 
 // Where a body begins: behind the header, or at the start of an answer that has none.
 std::string_view split_answer(std::string_view answer, char* header) {
@@ -92,8 +92,8 @@ std::string_view split_answer(std::string_view answer, char* header) {
 void drop_answer(int count, json_ptr* json) {
     constexpr const char* name = "https_handle_request_save_header";
     log_err(name, __LINE__, "recv response(%d) is too long", count);
-    log_msg(LOG_API, TRACE, name, __LINE__, "*********recv response(%d) too long, drop it*********",
-            count);
+    log_msg(LOG_API, LEVEL_TRACE, name, __LINE__,
+            "*********recv response(%d) too long, drop it*********", count);
     if (json != nullptr) {
         json->reset();
     }
@@ -102,8 +102,8 @@ void drop_answer(int count, json_ptr* json) {
 // From the received answer (count bytes, terminated) to its header, JSON and file.
 void take_answer(const char* answer, size_t count, FILE* file, json_ptr* json, char* header) {
     constexpr const char* name = "https_handle_request_save_header";
-    log_msg(LOG_API, TRACE, name, __LINE__, "*********recv response*********");
-    log_msg(LOG_API, TRACE, name, __LINE__, "%s", answer);
+    log_msg(LOG_API, LEVEL_TRACE, name, __LINE__, "*********recv response*********");
+    log_msg(LOG_API, LEVEL_TRACE, name, __LINE__, "%s", answer);
     const std::string_view body = split_answer({answer, count}, header);
     if (json != nullptr) {
         *json = parse_json(body.data());
@@ -127,9 +127,10 @@ constexpr request_style ON_API_CONNECTION = {"https_request", false};
 
 int open_connection(https_conn* conn, const char* url, const request_style& style) {
     if (style.shows_pid) {
-        log_msg(LOG_API, PROGRESS, style.name, __LINE__, "%d start connect https....", getpid());
+        log_msg(LOG_API, LEVEL_PROGRESS, style.name, __LINE__, "%d start connect https....",
+                getpid());
     } else {
-        log_msg(LOG_API, PROGRESS, style.name, __LINE__, "start connect https....");
+        log_msg(LOG_API, LEVEL_PROGRESS, style.name, __LINE__, "start connect https....");
     }
     const int code = connect_https(conn, url);
     if (code != 0) {
@@ -143,16 +144,16 @@ bool is_reusable(https_conn* conn, const char* name) {
     if (conn->socket == -1) {
         return false;
     }
-    log_msg(LOG_API, TRACE, name, __LINE__, "check https connection....");
+    log_msg(LOG_API, LEVEL_TRACE, name, __LINE__, "check https connection....");
     const peer_state peer = https_peer_state(*conn);
     if (peer == peer_state::unknown) {
-        log_msg(LOG_API, PROGRESS, name, __LINE__, "check https connection fail....");
+        log_msg(LOG_API, LEVEL_PROGRESS, name, __LINE__, "check https connection fail....");
     }
     if (peer != peer_state::closed) {
         return true;
     }
     close_https(conn);
-    log_msg(LOG_API, PROGRESS, name, __LINE__, "reconnect https....");
+    log_msg(LOG_API, LEVEL_PROGRESS, name, __LINE__, "reconnect https....");
     return false;
 }
 
@@ -180,7 +181,7 @@ json_object* first_device(json_object* json) {
     }
     json_object* device = json_object_array_get_idx(devices, 0);
     if (device == nullptr) {
-        log_msg(LOG_API, PROGRESS, "get_param_from_json_resp", __LINE__,
+        log_msg(LOG_API, LEVEL_PROGRESS, "get_param_from_json_resp", __LINE__,
                 "WARNING!!! Not find this device in cloud platform");
     }
     return device;
@@ -188,21 +189,10 @@ json_object* first_device(json_object* json) {
 
 }  // namespace
 
-client_lock::client_lock() {
-    // A thread that is cancelled while it holds the lock would never give it back.
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-    pthread_mutex_lock(&lock);
-}
-
-client_lock::~client_lock() {
-    pthread_mutex_unlock(&lock);
-    (void)pthread_setcancelstate(cancel_state_, nullptr);
-}
-
 void check_api_connection() {
-    if (pthread_mutex_trylock(&lock) == 0) {
+    if (pthread_mutex_trylock(&api_connection_lock) == 0) {
         (void)check_https_conn(&api_connection);  // a closed one is opened by the next request
-        pthread_mutex_unlock(&lock);
+        pthread_mutex_unlock(&api_connection_lock);
     }
 }
 
@@ -242,8 +232,8 @@ int https_handle_request_save_header(https_conn* conn, const char* request, cons
         log_err(__func__, __LINE__, "https doesn't connected");
         return ERR_NOT_CONNECTED;
     }
-    log_msg(LOG_API, TRACE, __func__, __LINE__, "*********send request*********");
-    log_msg(LOG_API, TRACE, __func__, __LINE__, "%s", request);
+    log_msg(LOG_API, LEVEL_TRACE, __func__, __LINE__, "*********send request*********");
+    log_msg(LOG_API, LEVEL_TRACE, __func__, __LINE__, "%s", request);
     if (send_https_str(conn, request) != 0) {
         log_err(__func__, __LINE__, "send_https fail");
         close_https(conn);
@@ -302,7 +292,7 @@ int get_response_code_from_json_resp(json_object* json) {
         return ERR_NO_CODE;
     }
     const char* message = json_object_get_string(json_member(json, "message"));
-    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "response code:%s, message:%s", code,
+    log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__, "response code:%s, message:%s", code,
             message == nullptr ? "" : message);
     return to_int(code);
 }

@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "base/json.h"
+#include "base/lock.h"
 #include "net/transport.h"
 
 constexpr size_t ANSWER_SIZE = 4096;         // an answer of this size or more is dropped
@@ -16,17 +17,10 @@ constexpr size_t CREDENTIAL_SIZE = 512;      // of a Base64 credential
 extern https_conn api_connection;       // used under the client lock
 extern https_conn accounts_connection;  // used by the accounts login only
 
-// Holds the client lock for the length of a scope, in which the thread cannot be cancelled. Not
-// recursive.
-class client_lock {
-  public:
-    client_lock();
-    ~client_lock();
-    client_lock(const client_lock&) = delete;
-    client_lock& operator=(const client_lock&) = delete;
-
-  private:
-    int cancel_state_ = 0;
+// Holds the client lock for the length of a scope. Not recursive.
+extern pthread_mutex_t api_connection_lock;
+struct client_lock {
+    mutex_guard held{&api_connection_lock};
 };
 
 // Closes the API connection when its server has closed it; skips the look while somebody uses

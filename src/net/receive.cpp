@@ -70,13 +70,13 @@ long read_more(answer& a) {
     const size_t used = whole ? 0 : static_cast<size_t>(a.total);
     const bool traced = a.kind.traced && !whole;
     if (traced) {
-        log_msg(LOG_API, TRACE, a.kind.function, __LINE__,
+        log_msg(LOG_API, LEVEL_TRACE, a.kind.function, __LINE__,
                 "%d SSL_read --start ssl %p total %ld, buf_size %zu", getpid(),
                 static_cast<void*>(a.stream.ssl), a.total, a.size);
     }
     const long count = read_stream(&a.stream, a.buffer + used, a.size - used);
     if (traced) {
-        log_msg(LOG_API, TRACE, a.kind.function, __LINE__, "SSL_read data len %ld, err:%d",
+        log_msg(LOG_API, LEVEL_TRACE, a.kind.function, __LINE__, "SSL_read data len %ld, err:%d",
                 count == READ_AGAIN ? -1 : count, a.stream.error);
     }
     if (count > 0) {
@@ -99,14 +99,15 @@ long wait_and_read(answer& a) {
         if (!pending && wait_until(a.stream.socket, a.stream.events, deadline) != 0) {
             break;
         }
-        log_msg(LOG_API, TRACE, a.kind.function, __LINE__, "Data is available now!!!");
+        log_msg(LOG_API, LEVEL_TRACE, a.kind.function, __LINE__, "Data is available now!!!");
         const long count = read_more(a);
         if (count != READ_AGAIN) {
             return count;
         }
     }
     if (a.kind.traced && now_ms() >= deadline) {
-        log_msg(LOG_API, PROGRESS, a.kind.function, __LINE__, "%d recv https timeout", getpid());
+        log_msg(LOG_API, LEVEL_PROGRESS, a.kind.function, __LINE__, "%d recv https timeout",
+                getpid());
     }
     return 0;
 }
@@ -180,7 +181,7 @@ int receive(answer a) {
             }
             a.expected = announced_length(a);
             if (a.expected != HEADER_OPEN) {
-                log_msg(LOG_API, PROGRESS, a.kind.function, __LINE__,
+                log_msg(LOG_API, LEVEL_PROGRESS, a.kind.function, __LINE__,
                         "response Content-Length and http header %ld", a.expected);
             }
             if (a.expected > static_cast<long>(a.size)) {
@@ -191,7 +192,7 @@ int receive(answer a) {
             }
         }
     }
-    log_msg(LOG_API, PROGRESS, a.kind.function, __LINE__,
+    log_msg(LOG_API, LEVEL_PROGRESS, a.kind.function, __LINE__,
             "totol:%ld content_len:%ld buf_size:%zu dump:%d", a.total, a.expected, a.size,
             static_cast<int>(a.overflow));
     if (!a.overflow) {

@@ -10,10 +10,6 @@
 struct https_conn;
 struct ssl_st;
 
-// Log levels of component API.
-constexpr int PROGRESS = 3;  // what happens to connections and answers
-constexpr int TRACE = 5;     // requests, answers and single reads
-
 // Milliseconds of the clock that nobody sets.
 long long now_ms();
 // The instant so many seconds from now.

@@ -151,7 +151,7 @@ int open_tls(https_conn* conn, const char* host) {
     if (SSL_set_fd(conn->ssl, conn->socket) != 1) {
         return tls_failure("SSL_set_fd");
     }
-    log_msg(LOG_API, PROGRESS, "connect_https", __LINE__,
+    log_msg(LOG_API, LEVEL_PROGRESS, "connect_https", __LINE__,
             "ssl set fd ok, then start connecting ssl....");
     if (ssl_connect_nonb(conn) != HANDSHAKE_DONE) {
         if (tls_is_verified()) {
@@ -206,7 +206,7 @@ int send_all(const https_conn& conn, const char* bytes, size_t length) {
             return FAILED;
         }
         sent += static_cast<size_t>(count);
-        log_msg(LOG_API, TRACE, "send_https_buf", __LINE__, "%zu bytes send OK!", sent);
+        log_msg(LOG_API, LEVEL_TRACE, "send_https_buf", __LINE__, "%zu bytes send OK!", sent);
     }
     return 0;
 }
@@ -218,7 +218,7 @@ bool tls_is_verified() {
 }
 
 void ssl_library_init() {
-    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "initialize ssl library");
+    log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__, "initialize ssl library");
 }
 
 int ssl_connect_nonb(https_conn* conn) {
@@ -250,7 +250,7 @@ void close_https(https_conn* conn) {
     if (conn->socket == -1) {
         return;
     }
-    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d will shutdown ssl %p", getpid(),
+    log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__, "%d will shutdown ssl %p", getpid(),
             static_cast<void*>(conn->ssl));
     if (conn->ssl != nullptr) {
         (void)SSL_shutdown(conn->ssl);  // the peer may be gone
@@ -278,14 +278,14 @@ int connect_https(https_conn* conn, const char* url) {
     if (code != 0) {
         return code;
     }
-    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d tcp connect success, then start ssl ....",
-            getpid());
+    log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__,
+            "%d tcp connect success, then start ssl ....", getpid());
     code = open_tls(conn, host);
     if (code != 0) {
         close_https(conn);
         return code;
     }
-    log_msg(LOG_API, PROGRESS, __func__, __LINE__, "%d ssl connect ok", getpid());
+    log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__, "%d ssl connect ok", getpid());
     return 0;
 }
 

@@ -80,26 +80,26 @@ int fetch(download& d) {
         format_into(buffer, REQUEST_SIZE,
                     "GET %s HTTP/1.0\r\nHost: %s\r\nConnection: Keep-Alive\r\nAccept: */*\r\n\r\n",
                     d.path, d.host);
-        log_msg(LOG_API, TRACE, d.name, __LINE__, "*********send request*********");
-        log_msg(LOG_API, TRACE, d.name, __LINE__, "%s", buffer);
+        log_msg(LOG_API, LEVEL_TRACE, d.name, __LINE__, "*********send request*********");
+        log_msg(LOG_API, LEVEL_TRACE, d.name, __LINE__, "%s", buffer);
         if (send_request(d, buffer) != 0) {
             return TRANSFER_NOT_SENT;
         }
         const int result = receive_answer(d, buffer);
         if (result > 0) {
-            log_msg(LOG_API, PROGRESS, d.name, __LINE__, "download %s to %s size %d", d.url,
+            log_msg(LOG_API, LEVEL_PROGRESS, d.name, __LINE__, "download %s to %s size %d", d.url,
                     d.target, result);
         }
         if (result != GOT_REDIRECT) {
             return 0;  // nothing received as well: the file's size tells
         }
         if (redirects > MAX_REDIRECTS) {
-            log_msg(LOG_API, PROGRESS, d.name, __LINE__,
+            log_msg(LOG_API, LEVEL_PROGRESS, d.name, __LINE__,
                     "got 302 redirect, redirect_times = %d, drops", redirects);
             return TRANSFER_NO_HOST;
         }
         set_text(d.path, one_line(buffer));  // a redirect without a location leaves its lines
-        log_msg(LOG_API, PROGRESS, d.name, __LINE__, "got 302 redirect, try get %s", d.path);
+        log_msg(LOG_API, LEVEL_PROGRESS, d.name, __LINE__, "got 302 redirect, try get %s", d.path);
     }
 }
 
@@ -131,8 +131,8 @@ int send_post_header(https_conn* conn, const char* host, const char* path, const
                     "Connection: close\r\n"
                     "\r\n",
                     "POST", path, host, size);
-    log_msg(LOG_API, TRACE, "https_post_file", __LINE__, "upload filename %s size %lld\n%s", file,
-            size, header);
+    log_msg(LOG_API, LEVEL_TRACE, "https_post_file", __LINE__, "upload filename %s size %lld\n%s",
+            file, size, header);
     if (!whole || send_https_str(conn, header) != 0) {
         log_err("https_post_file", __LINE__, "send_https fail");
         return FAILED;

@@ -157,7 +157,7 @@ int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size)
     in_addr address = {};
     if (ask_system(host, &address)) {
         (void)inet_ntop(AF_INET, &address, dotted, sizeof dotted);  // always fits
-        log_msg(LOG_API, PROGRESS, __func__, __LINE__, "IP address [%s] for hostname - <%s>",
+        log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__, "IP address [%s] for hostname - <%s>",
                 dotted, host);
     } else {
         (void)res_init();  // the servers may have changed since; with old ones it fails as well
@@ -167,7 +167,7 @@ int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size)
                     gai_strerror(code));
             return ERR_RESOLVE;
         }
-        log_msg(LOG_API, PROGRESS, __func__, __LINE__,
+        log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__,
                 "internal resolv IP address [%s] for hostname - <%s>", dotted, host);
         address = parse_address(dotted);
     }
@@ -267,7 +267,7 @@ int send_http_buf(int socket, const void* data, size_t length) {
             return FAILED;
         }
         sent += static_cast<size_t>(count);
-        log_msg(LOG_API, TRACE, __func__, __LINE__, "%zu bytes send OK!", sent);
+        log_msg(LOG_API, LEVEL_TRACE, __func__, __LINE__, "%zu bytes send OK!", sent);
     }
     return 0;
 }

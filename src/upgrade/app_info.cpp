@@ -15,8 +15,6 @@
 
 namespace {
 
-pthread_mutex_t app_list_lock = PTHREAD_MUTEX_INITIALIZER;
-
 constexpr text_ptr app_info::*TEXT_FIELDS[] = {
     &app_info::app_name, &app_info::cloudserver, &app_info::link,      &app_info::version_name,
     &app_info::version,  &app_info::rel_info,    &app_info::signature,
@@ -78,13 +76,7 @@ app_info* named_from(app_info* entry) {
 
 app_info app_list = {.next = &app_list, .prev = &app_list};
 
-app_list_guard::app_list_guard() {
-    pthread_mutex_lock(&app_list_lock);
-}
-
-app_list_guard::~app_list_guard() {
-    pthread_mutex_unlock(&app_list_lock);
-}
+pthread_mutex_t app_list_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void append_app(app_info_ptr entry) {
     app_info* node = entry.release();  // the list's from here on
@@ -120,7 +112,7 @@ int parseAppInfoJsonObj(json_object* json, app_info* record, int local_mode) {
         return ERR_NO_UPGRADE_INFO;
     }
     if (!json_object_is_type(json, json_type_object)) {
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "app info isn't a json object");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "app info isn't a json object");
         return ERR_NOT_JSON;
     }
     json_object_iterator at = json_object_iter_begin(json);

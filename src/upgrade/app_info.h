@@ -14,6 +14,7 @@
 
 #include "base/handles.h"
 #include "base/json.h"
+#include "base/lock.h"
 
 // Upgrade state of a local entry. The numbers are part of the control protocol.
 enum app_status : int {
@@ -56,12 +57,9 @@ using app_info_ptr = std::unique_ptr<app_info>;
 extern app_info app_list;
 
 // Holds app_list_lock for the length of a scope. Not recursive.
-class app_list_guard {
-  public:
-    app_list_guard();
-    ~app_list_guard();
-    app_list_guard(const app_list_guard&) = delete;
-    app_list_guard& operator=(const app_list_guard&) = delete;
+extern pthread_mutex_t app_list_lock;
+struct app_list_guard {
+    mutex_guard held{&app_list_lock};
 };
 
 // Appends an entry, whose owner the list becomes. Main thread, at start-up.

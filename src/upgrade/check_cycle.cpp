@@ -52,7 +52,7 @@ bool learn_product_type() {
 void run_tick() {
     if (pluginmgr_config.hw_revision[0] == '\0') {
         if (!learn_product_type()) {
-            log_msg(LOG_SYSTEM, 1, "upgrade_run", __LINE__,
+            log_msg(LOG_SYSTEM, LEVEL_NOTICE, "upgrade_run", __LINE__,
                     "get product type failed, will try again after one minute");
             sleep(RETRY_PAUSE);
         }
@@ -130,8 +130,8 @@ void record_failure(app_info* entry, int result, bool* server_failed) {
     entry->status = APP_CHECK_FAILED;
     replace_remote(entry, nullptr);
     if (is_server_failure(result) && !*server_failed) {
-        log_msg(LOG_SYSTEM, 1, "checkAllAppVersion", __LINE__, "check %s update fail, ret %d",
-                entry->app_name.get(), result);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "checkAllAppVersion", __LINE__,
+                "check %s update fail, ret %d", entry->app_name.get(), result);
         *server_failed = true;
     }
 }
@@ -144,10 +144,10 @@ void record_answer(app_info* entry, const app_info& answer) {
         not_newer = is_not_newer(entry, &answer);
         installed = heap_text(entry->version.get());
     }
-    log_msg(LOG_SERVICE, 7, "checkAllAppVersion", __LINE__, "getRemoteAppInfo %d,%s,%d,%s,%s(%s)",
-            not_newer ? 1 : 0, text_or(answer.app_name, "(null)"), answer.size,
-            text_or(answer.version_name, "(null)"), text_or(installed, "(null)"),
-            text_or(answer.version, "(null)"));
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, "checkAllAppVersion", __LINE__,
+            "getRemoteAppInfo %d,%s,%d,%s,%s(%s)", not_newer ? 1 : 0,
+            text_or(answer.app_name, "(null)"), answer.size, text_or(answer.version_name, "(null)"),
+            text_or(installed, "(null)"), text_or(answer.version, "(null)"));
     app_info_ptr fresh = dupAppInfo(answer);
     {
         const app_list_guard guard;
@@ -173,7 +173,7 @@ void query_entry(app_info* entry, bool* server_failed) {
 }
 
 void start_cloud_server() {
-    log_msg(LOG_SYSTEM, 1, "getRemoteAppInfo", __LINE__, "cloudserver start");
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "getRemoteAppInfo", __LINE__, "cloudserver start");
     set_text(pluginmgr_config.cloudserver, "on");
     (void)ini_set(SETTINGS_FILE, "Config", "cloudserver", "on");  // in effect all the same
     (void)do_app_action("cloudae", "restart");
@@ -204,10 +204,11 @@ bool append_device_credential(char* out, size_t size) {
 int open_connection(const char* host, bool* fresh) {
     if (connection.socket >= 0 && https_peer_state(connection) == peer_state::closed) {
         close_https(&connection);
-        log_msg(LOG_SYSTEM, 1, "https_upgrade_request", __LINE__, "reconnect https....");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "https_upgrade_request", __LINE__, "reconnect https....");
     }
     if (connection.socket < 0) {
-        log_msg(LOG_SYSTEM, 1, "https_upgrade_request", __LINE__, "start connect https....");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "https_upgrade_request", __LINE__,
+                "start connect https....");
         if (connect_https(&connection, host) != 0) {
             log_err("https_upgrade_request", __LINE__, "failed connect https!");
             return ERR_NOT_CONNECTED;
@@ -242,7 +243,7 @@ void* upgrade_run(void* stop) {
     if (pluginmgr_config.api_server[0] == '\0') {
         log_err(__func__, __LINE__, "cann't get api server address");
     }
-    log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "upgrade thread start %d", getpid());
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "upgrade thread start %d", getpid());
     init_https_conn(&connection);
     upgrade_check_flag = 1;
     time_t mark = time(nullptr);
@@ -342,7 +343,7 @@ int https_upgrade_request(const char* host, const char* request, json_ptr* answe
 int parseRemoteAppInfo(json_object* answer, app_info* record, const char* name) {
     clear_app_info(record);
     if (answer == nullptr || !json_object_is_type(answer, json_type_object)) {
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "app info from server is invalid");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "app info from server is invalid");
         return ERR_NOT_JSON;
     }
     json_object* status = nullptr;

@@ -96,7 +96,7 @@ bool find_target(job* work) {
 bool prepare(job* work) {
     app_info* entry = work->entry;
     if (work->remote == nullptr) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "no new version, exit download");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "no new version, exit download");
         end_with(entry, APP_CHECK_FAILED);
         return false;
     }
@@ -109,7 +109,7 @@ bool prepare(job* work) {
         return false;
     }
     if (!find_target(work)) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "no version name or download url, exit download");
         set_upgrade_requested(entry, 0);
         end_with(entry, APP_CHECK_FAILED);
@@ -181,14 +181,15 @@ pid_t start_child(job* work) {
         run_child(*work, parent);
     }
     if (child > 0) {  // without one the missing file is the failure
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "new process %d download %s using %s", child,
-                work->target, work->use_wget ? "wget" : "internal function");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "new process %d download %s using %s",
+                child, work->target, work->use_wget ? "wget" : "internal function");
     }
     return child;
 }
 
 void log_child(pid_t child, const char* target, const char* how) {
-    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "process %d download %s %s", child, target, how);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "process %d download %s %s", child,
+            target, how);
 }
 
 // Waits for the child to end, or ends it. False when the download has been stopped.
@@ -216,14 +217,14 @@ bool watch_child(const job& work, pid_t child) {
 bool is_complete(const job& work) {
     const off_t size = work.has_folder ? file_size(work.target) : NO_FILE;
     if (size == NO_FILE) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download %s failed", work.target);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "download %s failed", work.target);
         return false;
     }
-    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download_run %s st_size:%d, size:%d",
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "download_run %s st_size:%d, size:%d",
             work.entry->app_name.get(), static_cast<int>(size), work.remote->size);
     if (size != work.remote->size) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "download %s failed, size %d(%d)", work.target,
-                work.remote->size, static_cast<int>(size));
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "download %s failed, size %d(%d)",
+                work.target, work.remote->size, static_cast<int>(size));
         return false;
     }
     return true;
@@ -266,7 +267,8 @@ void* download_run(void* entry) {
     } else {
         fail(work);
     }
-    log_msg(LOG_SERVICE, 7, __func__, __LINE__, "download_run thread for %s exit, status %d",
-            work.entry->app_name.get(), work.entry->status.load());
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, __func__, __LINE__,
+            "download_run thread for %s exit, status %d", work.entry->app_name.get(),
+            work.entry->status.load());
     return nullptr;
 }

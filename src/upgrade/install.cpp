@@ -76,7 +76,7 @@ bool verify_package(app_info* entry, const app_info& remote, int package, const 
         return true;
     }
     if (is_empty(remote.signature.get())) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "%s version info havn't signature, refuse upgrade.", name);
         refuse(entry, path, APP_NO_SIGNATURE, "not found signature");
         return false;
@@ -84,7 +84,7 @@ bool verify_package(app_info* entry, const app_info& remote, int package, const 
     format_text(source, "/proc/self/fd/%d", package);
     if (upgrade_signature(source, remote.version.get(), signature, sizeof signature) != 0 ||
         strcmp(signature, remote.signature.get()) != 0) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__,
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "%s version signature not match, refuse upgrade.", name);
         refuse(entry, path, APP_BAD_SIGNATURE, "signature not match");
         return false;
@@ -122,7 +122,7 @@ void run_install_script(int package, const char* path) {
         log_err(FUNCTION, __LINE__, "command:%s fail with %d, try again!", command.c_str(), result);
         result = run_cancellable(command.c_str(), package);
     }
-    log_msg(LOG_SERVICE, 7, FUNCTION, __LINE__, "%d command:%s ,return %d", getpid(),
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, FUNCTION, __LINE__, "%d command:%s ,return %d", getpid(),
             command.c_str(), result);
 }
 
@@ -150,8 +150,8 @@ void fail(app_info* entry) {
 }
 
 void log_result(const app_info& entry, off_t result, const char* message) {
-    log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "%s upgrade result %d(%s)", entry.app_name.get(),
-            static_cast<int>(result), message);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "%s upgrade result %d(%s)",
+            entry.app_name.get(), static_cast<int>(result), message);
 }
 
 // The status comes last: from then on the check cycle may replace the offer, restart the program
@@ -181,11 +181,11 @@ bool install(app_info* entry) {
     char package[PACKAGE_PATH_SIZE] = {};
     const app_info_ptr remote = copy_remote(*entry);
     if (!remote) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "no new version, exit upgrade");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "no new version, exit upgrade");
         return false;
     }
     if (!find_package(*remote, &package)) {
-        log_msg(LOG_SYSTEM, 1, FUNCTION, __LINE__, "file not found, exit upgrade");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "file not found, exit upgrade");
         int expected = APP_DOWNLOADED;
         (void)entry->status.compare_exchange_strong(expected, APP_INSTALL_FAILED);
         return false;

@@ -91,13 +91,13 @@ int startPluginAppUpdate(const char* name) {
         return ERR_NO_MEMORY;
     }
     set_upgrade_requested(entry, 1);
-    log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "start plugin %s upgrade", name);
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "start plugin %s upgrade", name);
     return 0;
 }
 
 int stopPluginAppUpdate(const char* name) {
     if (!is_empty(name) && stop_entry(name)) {
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "stop plugin %s upgrade", name);
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "stop plugin %s upgrade", name);
     }
     return 0;
 }
@@ -108,7 +108,7 @@ int check_memory(const app_info& remote) {
     const auto size = static_cast<uint32_t>(remote.size);
     const uint64_t need = uint64_t{size} + MEMORY_RESERVE;
     const auto need_shown = static_cast<uint32_t>(std::min<uint64_t>(need, UINT32_MAX));
-    log_msg(LOG_SERVICE, 4, __func__, __LINE__,
+    log_msg(LOG_SERVICE, LEVEL_DETAIL, __func__, __LINE__,
             "check_memory free:%u, app_name:%s, size:%u, need memory:%u", free_bytes, name, size,
             need_shown);
     if (free_bytes > need) {

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/json.h"
 #include "base/result.h"
@@ -34,7 +35,7 @@ constexpr const char* OWN_NAME = "pluginmgr";
 constexpr const char* AGENT_NAME = "cloudae";
 constexpr const char* FIRST_KEEP_VERSION = "1.0.25";  // of cloudae, with keep-alives
 
-constexpr const char* VERSION_LIST_DRAFT = "/var/config/cloud/cloud_plugin_version.json.new";
+constexpr mode_t LIST_MODE = 0644;
 
 constexpr size_t AGENT_VERSION_SIZE = 256 + 1;
 constexpr size_t SAFETY_ANSWER_SIZE = 128 + 1;
@@ -46,12 +47,6 @@ constexpr size_t AGENT_TEXT_LIMIT = 1005;    // the first length that is refused
 constexpr size_t FIRST_NOTE_LIMIT = 512;
 constexpr size_t SHORTEST_NOTE = 1;
 
-void add_text(json_object* object, const char* key, const char* value) {
-    if (value != nullptr) {
-        json_object_object_add(object, key, json_object_new_string(value));
-    }
-}
-
 void load_entry(json_object* element) {
     app_info_ptr entry(new (std::nothrow) app_info);
     if (!entry || parseAppInfoJsonObj(element, entry.get(), 1) != 0) {
@@ -62,7 +57,7 @@ void load_entry(json_object* element) {
 }
 
 void log_entry(const char* function, const app_info& entry) {
-    log_msg(LOG_SYSTEM, 1, function, __LINE__, "LocalVersion Info %s, %s, %s",
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, function, __LINE__, "LocalVersion Info %s, %s, %s",
             text_or(entry.app_name, "(null)"), text_or(entry.version_name, "(null)"),
             text_or(entry.version, "(null)"));
 }
@@ -82,15 +77,16 @@ void learn_agent_version(char (&version)[AGENT_VERSION_SIZE]) {
         cloudae_send_keep = 1;
     }
     // The missing blank before "not" and the misspelt name are on purpose.
-    log_msg(LOG_SYSTEM, 1, "dumpLocalVersion", __LINE__, "clouae version %s is%s support send keep",
-            version, supported ? "" : "not");
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "dumpLocalVersion", __LINE__,
+            "clouae version %s is%s support send keep", version, supported ? "" : "not");
 }
 
 void learn_safety_agent() {
     char answer[SAFETY_ANSWER_SIZE] = {};
     if (read_shell("/var/run/cloudsafety --version | grep enable", answer, sizeof answer) > 1) {
         cloudsafety_send_keep = 1;
-        log_msg(LOG_SYSTEM, 1, "dumpLocalVersion", __LINE__, "clouaesafety support send keep");
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, "dumpLocalVersion", __LINE__,
+                "clouaesafety support send keep");
     }
 }
 
@@ -105,40 +101,21 @@ json_ptr version_list_document() {
     const app_list_guard guard;
     for (const app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
         json_object* object = json_object_new_object();
-        add_text(object, "app_name", entry->app_name.get());
-        add_text(object, "version_name", entry->version_name.get());
-        add_text(object, "version", entry->version.get());
-        add_text(object, "rel_info", entry->rel_info.get());
+        add_json_text(object, "app_name", entry->app_name.get());
+        add_json_text(object, "version_name", entry->version_name.get());
+        add_json_text(object, "version", entry->version.get());
+        add_json_text(object, "rel_info", entry->rel_info.get());
         json_object_array_add(list.get(), object);
     }
     return list;
 }
 
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
 // Whole or not at all: a list cut by a power failure would bring every old version back.
 void publish_version_list(std::string_view text) {
-    const unique_fd file(open(VERSION_LIST_DRAFT, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                              S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
-    if (file && write_all(file.get(), text) && fsync(file.get()) == 0 &&
-        rename(VERSION_LIST_DRAFT, VERSION_LIST_FILE) == 0) {
-        return;
+    if (publish_file(VERSION_LIST_FILE, text, LIST_MODE) != 0) {
+        log_err("dumpVersionToFile", __LINE__, "version list not written, the old one stays: %s",
+                strerror(errno));
     }
-    log_err("dumpVersionToFile", __LINE__, "version list not written, the old one stays: %s",
-            strerror(errno));
-    (void)unlink(VERSION_LIST_DRAFT);
 }
 
 void append_version_line(char (&text)[VERSION_TEXT_SIZE], const app_info& entry) {
@@ -154,8 +131,8 @@ json_ptr cloud_versions_document(char (&text)[VERSION_TEXT_SIZE]) {
     const app_list_guard guard;
     for (const app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
         json_object* object = json_object_new_object();
-        add_text(object, "app_name", entry->app_name.get());
-        add_text(object, "version", entry->version.get());
+        add_json_text(object, "app_name", entry->app_name.get());
+        add_json_text(object, "version", entry->version.get());
         json_object_array_add(list.get(), object);
         append_version_line(text, *entry);
     }
@@ -191,9 +168,10 @@ json_object* status_object(const app_info& entry, size_t note_limit) {
     const bool offered = remote != nullptr && remote->version;
     const std::string_view note = note_of(entry, note_limit);
     json_object* object = json_object_new_object();
-    add_text(object, "pluginName", entry.app_name.get());
-    add_text(object, "pluginVersion", entry.version.get());
-    add_text(object, "pluginNewVersion", offered ? remote->version.get() : entry.version.get());
+    add_json_text(object, "pluginName", entry.app_name.get());
+    add_json_text(object, "pluginVersion", entry.version.get());
+    add_json_text(object, "pluginNewVersion",
+                  offered ? remote->version.get() : entry.version.get());
     json_object_object_add(object, "pluginNote",
                            json_object_new_string_len(note.data(), static_cast<int>(note.size())));
     json_object_object_add(object, "pluginSpace",
@@ -253,7 +231,7 @@ int loadLocalVersion() {
     }
     const size_t count = json_object_array_length(list.get());
     if (count == 0) {
-        log_msg(LOG_SYSTEM, 2, __func__, __LINE__, "local version list is empty");
+        log_msg(LOG_SYSTEM, LEVEL_WARNING, __func__, __LINE__, "local version list is empty");
         return ERR_EMPTY_LIST;
     }
     for (size_t i = 0; i < count; i++) {
@@ -304,7 +282,7 @@ void dumpVersionToFile() {
     if (text != nullptr) {
         publish_version_list(text);
     }
-    log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "write version list to local file %s",
+    log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "write version list to local file %s",
             VERSION_LIST_FILE);
     send_versions_to_cloudae(1);
 }
@@ -326,7 +304,7 @@ void send_versions_to_cloudae(int send) {
 int sendToCloudae(const char* text) {
     char message[AGENT_HEADER + AGENT_TEXT_LIMIT] = {};
     const size_t length = strlen(text);
-    log_msg(LOG_SERVICE, 7, __func__, __LINE__, "send to cloudae:%s", text);
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, __func__, __LINE__, "send to cloudae:%s", text);
     if (length >= AGENT_TEXT_LIMIT) {
         log_err(__func__, __LINE__, "bug: message is too long, cann't send to cloudae");
         return FAILED;
@@ -353,7 +331,7 @@ size_t dumpVersionStatus(char* buffer, size_t size) {
             return store_what_fits(buffer, size);
         }
         limit = limit > 0 ? limit / 2 : FIRST_NOTE_LIMIT;
-        log_msg(LOG_SYSTEM, 1, __func__, __LINE__, "plugin release note is too long, limit to %d",
-                static_cast<int>(limit));
+        log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__,
+                "plugin release note is too long, limit to %d", static_cast<int>(limit));
     }
 }

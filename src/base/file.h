@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files that others may have a hand in: read without waiting and up to a limit, replaced whole or
+// not at all. Nothing is written through a link. Results come with errno, which the caller, who
+// knows what the file is for, logs. No state; any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "base/handles.h"
+
+// What a file may hold, bytes; a longer one counts as unreadable (errno EFBIG).
+constexpr size_t SETTINGS_FILE_LIMIT = 256 * 1024;
+constexpr size_t JSON_FILE_LIMIT = 1024 * 1024;
+
+// Opens a regular file of at most limit bytes for reading. A link is followed; a pipe, a device or
+// a folder in its place is not waited for and refused (errno EINVAL). None on failure.
+[[nodiscard]] unique_fd open_regular(const char* path, size_t limit);
+
+// Reads such a file whole into text. 0, or FAILED with text untouched. A file that grows while it
+// is read counts as too long once it is beyond limit.
+[[nodiscard]] int read_file(const char* path, size_t limit, std::string* text);
+
+// The rest of an open file from where it stands, up to limit bytes. 0 or FAILED.
+[[nodiscard]] int read_open_file(int fd, size_t limit, std::string* text);
+
+// Writes all of it, calling again what a signal interrupts or the system takes in pieces. False,
+// with errno, when not all was taken.
+[[nodiscard]] bool write_whole(int fd, std::string_view text);
+
+// Puts body in place of what path holds, with this mode: written beside it as PATH.new, which
+// nobody else's file is, synced, renamed, the folder synced. A reader sees the old text or the new
+// one, never a part; a link in the path's place is replaced, not followed. 0, or FAILED with the
+// old file untouched and nothing left beside it.
+[[nodiscard]] int publish_file(const char* path, std::string_view body, mode_t mode);
