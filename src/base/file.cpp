@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr size_t PIECE = 16 * 1024;
+constexpr size_t PIECE = size_t{16} * 1024;
 
 int fail_with(int error) {
     errno = error;

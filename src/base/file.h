@@ -13,8 +13,8 @@
 #include "base/handles.h"
 
 // What a file may hold, bytes; a longer one counts as unreadable (errno EFBIG).
-constexpr size_t SETTINGS_FILE_LIMIT = 256 * 1024;
-constexpr size_t JSON_FILE_LIMIT = 1024 * 1024;
+constexpr size_t SETTINGS_FILE_LIMIT = size_t{256} * 1024;
+constexpr size_t JSON_FILE_LIMIT = size_t{1024} * 1024;
 
 // Opens a regular file of at most limit bytes for reading. A link is followed; a pipe, a device or
 // a folder in its place is not waited for and refused (errno EINVAL). None on failure.

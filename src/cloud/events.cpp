@@ -3,9 +3,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <ctime>
+#include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
@@ -42,7 +44,18 @@ constexpr size_t SIGNED_QUERY_SIZE = 160;
 constexpr int SIGN_DEVICE = 1;
 constexpr int SIGN_UNUSED = 2;
 
-text_ptr upgrade_report;  // under the client lock
+// Reports that wait, the oldest first; under the client lock. Enough for several upgrades of every
+// plug-in of a device between two that can be sent.
+constexpr size_t MOST_REPORTS = 64;
+text_ptr upgrade_reports[MOST_REPORTS];
+size_t report_count = 0;
+
+text_ptr first_report() {
+    text_ptr first = std::move(upgrade_reports[0]);
+    std::move(upgrade_reports + 1, std::end(upgrade_reports), upgrade_reports);
+    report_count -= first ? 1 : 0;
+    return first;
+}
 
 struct event_call {
     const char* name = nullptr;
@@ -333,7 +346,7 @@ int perform(https_conn* conn, const event& what, const event_call& call) {
     const client_lock lock;
     text_ptr report;  // sent once, whatever the result
     if (what.sends_report) {
-        report = std::move(upgrade_report);
+        report = first_report();
         if (!report) {
             return 0;
         }
@@ -395,9 +408,19 @@ int sign_request(int kind, const char* mac, const char* timestamp, char* out, si
     return 0;
 }
 
-void set_upgrade_report(const char* text) {
+void add_upgrade_report(const char* text) {
     const client_lock lock;
-    upgrade_report = heap_text(text);
+    if (report_count == MOST_REPORTS) {
+        const text_ptr oldest = first_report();
+        log_err(__func__, __LINE__, "too many reports wait, lost: %s", oldest.get());
+    }
+    upgrade_reports[report_count] = heap_text(text);
+    report_count += upgrade_reports[report_count] ? 1 : 0;
+}
+
+bool upgrade_reports_wait() {
+    const client_lock lock;
+    return report_count > 0;
 }
 
 int save_device_id(const char* /*device_id*/) {

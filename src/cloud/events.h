@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The single entry into the cloud REST API: named events, each one signed or authorised request
-// whose answer's values go into the settings record. Owns the activation state and the pending
-// upgrade report. Any working thread; events on the API connection take turns (client lock).
+// whose answer's values go into the settings record. Owns the activation state and the upgrade
+// reports that wait. Any working thread; events on the API connection take turns (client lock).
 #pragma once
 
 #include <atomic>
@@ -26,8 +26,10 @@ int pluginmgr_api(https_conn* conn, const char* name);
 [[nodiscard]] int sign_request(int kind, const char* mac, const char* timestamp, char* out,
                                size_t size);
 
-// Replaces the report that the next "report_upgrade" sends and releases.
-void set_upgrade_report(const char* text);
+// Adds a report to those that wait; each "report_upgrade" sends and releases the oldest. At most 64
+// wait: beyond them the oldest is dropped, logged.
+void add_upgrade_report(const char* text);
+[[nodiscard]] bool upgrade_reports_wait();
 
 // Where a new device id would be written to flash. Does nothing and says so: non-zero. The event
 // that brought the id therefore reports a failure although the id is in effect.

@@ -152,13 +152,6 @@ app_info_ptr copy_remote(const app_info& entry) {
     return entry.remote ? dupAppInfo(*entry.remote) : nullptr;
 }
 
-void set_upgrade_requested(app_info* entry, int requested) {
-    const app_list_guard guard;
-    if (entry->remote) {
-        entry->remote->upgrade_requested = requested;
-    }
-}
-
 long parse_version_number(const char* version) {
     // Components are not masked: one of 256 or more spills into the next, on purpose.
     constexpr int SHIFTS[] = {16, 8, 0};

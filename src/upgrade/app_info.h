@@ -3,7 +3,7 @@
 // added at start-up and never removed; walking the list needs no lock. What hangs on an entry and
 // may be replaced (remote, version_name, version, the install thread's handle) is read and
 // replaced under app_list_lock, which is held for moments only, never across I/O. status and
-// upgrade_requested are single atomic words.
+// upgrade_requested are single atomic words, which upgrade/app_state alone writes, under the lock.
 #pragma once
 
 #include <pthread.h>
@@ -33,6 +33,10 @@ enum app_status : int {
     APP_BAD_SIGNATURE = 13,
 };
 
+// Tells one download, with the install that follows it, from all others of the process.
+using app_job = uint32_t;
+constexpr app_job NO_JOB = 0;
+
 struct app_info {
     app_info* next = nullptr;  // of a local entry
     app_info* prev = nullptr;
@@ -48,7 +52,10 @@ struct app_info {
     std::atomic<int32_t> status = APP_IDLE;
     pthread_t download_thread = {};
     pthread_t upgrade_thread = {};
+    app_job job = NO_JOB;                        // whose word counts; NO_JOB: nobody's
+    bool download_thread_runs = false;           // no other is started meanwhile
     bool upgrade_thread_runs = false;            // upgrade_thread may be cancelled
+    std::atomic<int64_t> download_rest = 0;      // bytes that a running download may still take
     std::unique_ptr<app_info> remote = nullptr;  // what the cloud offers, or null
 };
 using app_info_ptr = std::unique_ptr<app_info>;
@@ -85,9 +92,6 @@ void clear_app_info(app_info* record);
 
 // A copy of what the cloud offers for entry, or null. Takes the lock.
 [[nodiscard]] app_info_ptr copy_remote(const app_info& entry);
-// Sets or clears upgrade_requested of the offered record, if there is one. Takes the lock.
-void set_upgrade_requested(app_info* entry, int requested);
-
 // A dotted version as one number: first component << 16, second << 8, third, unmasked. 0 for any
 // character but digits and dots.
 [[nodiscard]] long parse_version_number(const char* version);

@@ -19,6 +19,7 @@
 #include "log/tb_log.h"
 #include "net/http.h"
 #include "net/transport.h"
+#include "upgrade/app_state.h"
 #include "upgrade/download.h"
 #include "upgrade/install.h"
 
@@ -26,10 +27,11 @@ std::atomic<int> upgrade_check_flag = 0;
 
 namespace {
 
-constexpr useconds_t TICK = 100'000;     // microseconds
-constexpr unsigned RETRY_PAUSE = 60;     // seconds, while the product type is unknown
-constexpr unsigned EXIT_PAUSE = 5;       // seconds, before the daemon makes room for its successor
-constexpr time_t CLOCK_TOLERANCE = -10;  // seconds; a clock set back further starts a check
+constexpr useconds_t TICK = 100'000;      // microseconds
+constexpr unsigned RETRY_PAUSE = 60;      // seconds, while the product type is unknown
+constexpr unsigned EXIT_PAUSE = 5;        // seconds, before the daemon makes room for its successor
+constexpr time_t LONGEST_FAREWELL = 600;  // seconds that the restart waits for what still runs
+constexpr time_t CLOCK_TOLERANCE = -10;   // seconds; a clock set back further starts a check
 constexpr size_t PATH_SIZE = 256;
 constexpr size_t REQUEST_SIZE = 1024;
 constexpr size_t KEY_TEXT_SIZE = 128;
@@ -70,16 +72,59 @@ void start_install(app_info* entry) {
     }
 }
 
+bool is_own_package(const char* name) {
+    return strcmp(name, "pluginmgr") == 0 || strcmp(name, "cloud_basic") == 0;
+}
+
 void restart_upgraded(app_info* entry) {
-    const char* name = entry->app_name.get();
-    entry->status = APP_RESTARTED;
-    if (strcmp(name, "pluginmgr") == 0 || strcmp(name, "cloud_basic") == 0) {
-        sleep(EXIT_PAUSE);
-        log_err("checkAllAppVersion", __LINE__, "pluginmgr exit since upgrade");
-        run_shell("sleep 3 && /var/run/pluginmgr &");
-        _exit(0);  // not exit(): its destructors would race with the other threads
+    if (advance_locked(entry, NO_JOB, app_event::restarted)) {
+        (void)do_app_action(entry->app_name.get(), "restart");
     }
-    (void)do_app_action(name, "restart");
+}
+
+[[noreturn]] void restart_daemon(app_info* entry) {
+    (void)advance_locked(entry, NO_JOB, app_event::restarted);
+    sleep(EXIT_PAUSE);
+    log_err("checkAllAppVersion", __LINE__, "pluginmgr exit since upgrade");
+    run_shell("sleep 3 && /var/run/pluginmgr &");
+    _exit(0);  // not exit(): its destructors would race with the other threads
+}
+
+// The entry by whose installation the daemon has become an older version than the one installed.
+app_info* find_own_upgrade() {
+    for (app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
+        if (entry->status == APP_INSTALLED && is_own_package(entry->app_name.get())) {
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+bool something_runs() {
+    const app_list_guard guard;
+    for (const app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
+        if (entry->download_thread_runs || entry->upgrade_thread_runs) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Nothing new begins; the daemon is restarted when nothing runs any more: an installer would go on
+// beside its successor, which starts another.
+void farewell_pass(app_info* own) {
+    static time_t begun = 0;
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // there is one on every Linux
+    begun = begun == 0 ? now.tv_sec : begun;
+    for (app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
+        if (entry->status == APP_INSTALLED && !is_own_package(entry->app_name.get())) {
+            restart_upgraded(entry);
+        }
+    }
+    if (!something_runs() || now.tv_sec - begun > LONGEST_FAREWELL) {
+        restart_daemon(own);
+    }
 }
 
 // Acts on the status. True when the entry is at rest: it may be downloaded or asked for.
@@ -88,14 +133,12 @@ bool advance_entry(app_info* entry) {
         case APP_IDLE:
         case APP_UP_TO_DATE:
         case APP_CHECK_FAILED:
-            return true;
         case APP_DOWNLOAD_FAILED:
         case APP_INSTALL_FAILED:
         case APP_RESTARTED:
         case APP_INSTALL_PARTIAL:
         case APP_NO_SIGNATURE:
         case APP_BAD_SIGNATURE:
-            set_upgrade_requested(entry, 0);
             return true;
         case APP_DOWNLOADED:
             start_install(entry);
@@ -108,27 +151,32 @@ bool advance_entry(app_info* entry) {
     }
 }
 
+// A job of before that has not yet noticed its stop is waited for: both would use the same file.
 bool start_requested_download(app_info* entry) {
     const app_list_guard guard;
-    if (!entry->remote || entry->remote->upgrade_requested != 1) {
+    if (entry->status != APP_IDLE || !entry->remote || entry->remote->upgrade_requested != 1 ||
+        entry->download_thread_runs || entry->upgrade_thread_runs ||
+        !advance(entry, NO_JOB, app_event::download_begun)) {
         return false;
     }
-    entry->status = APP_DOWNLOADING;
-    if (pthread_create(&entry->download_thread, nullptr, download_run, entry) != 0) {
-        entry->status = APP_IDLE;
-        return false;
+    entry->download_thread_runs =
+        pthread_create(&entry->download_thread, nullptr, download_run, entry) == 0;
+    if (!entry->download_thread_runs) {
+        (void)advance(entry, NO_JOB, app_event::download_not_begun);
     }
-    return true;
+    return entry->download_thread_runs;
 }
 
-void replace_remote(app_info* entry, app_info_ptr fresh) {
-    const app_list_guard guard;
-    entry->remote.swap(fresh);
-}
-
+// A request that came during the query goes for the offer that was there when it came.
 void record_failure(app_info* entry, int result, bool* server_failed) {
-    entry->status = APP_CHECK_FAILED;
-    replace_remote(entry, nullptr);
+    app_info_ptr gone;
+    {
+        const app_list_guard guard;
+        const bool asked = entry->remote && entry->remote->upgrade_requested == 1;
+        if (!asked && advance(entry, NO_JOB, app_event::query_failed)) {
+            entry->remote.swap(gone);
+        }
+    }
     if (is_server_failure(result) && !*server_failed) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, "checkAllAppVersion", __LINE__,
                 "check %s update fail, ret %d", entry->app_name.get(), result);
@@ -149,16 +197,15 @@ void record_answer(app_info* entry, const app_info& answer) {
             text_or(answer.app_name, "(null)"), answer.size, text_or(answer.version_name, "(null)"),
             text_or(installed, "(null)"), text_or(answer.version, "(null)"));
     app_info_ptr fresh = dupAppInfo(answer);
-    {
-        const app_list_guard guard;
-        if (fresh && not_newer) {
-            fresh->upgrade_requested = 0;
-        } else if (fresh && entry->remote && entry->remote->upgrade_requested == 1) {
-            fresh->upgrade_requested = 1;  // the user asked while the query was under way
-        }
+    const app_list_guard guard;
+    if (fresh && entry->remote && entry->remote->upgrade_requested == 1) {
+        fresh->upgrade_requested = 1;  // the user asked while the query was under way
+    }
+    const app_event event = not_newer ? app_event::offer_not_newer : app_event::offer_newer;
+    entry->remote.swap(fresh);
+    if (!advance(entry, NO_JOB, event)) {
         entry->remote.swap(fresh);
     }
-    entry->status = not_newer ? APP_UP_TO_DATE : APP_IDLE;
 }
 
 void query_entry(app_info* entry, bool* server_failed) {
@@ -263,6 +310,10 @@ void checkAllAppVersion(std::atomic<int>* check_flag) {
     // Read once: a request that comes during a pass without queries is for the next pass.
     const bool query = *check_flag == 1;
     bool server_failed = false;
+    if (app_info* own = find_own_upgrade(); own != nullptr) {
+        farewell_pass(own);
+        return;
+    }
     for (app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
         // A query would put an end to the download that has just begun.
         if (!advance_entry(entry) || start_requested_download(entry)) {

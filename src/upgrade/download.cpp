@@ -22,6 +22,7 @@
 #include "net/dns.h"
 #include "net/transfer.h"
 #include "upgrade/app_info.h"
+#include "upgrade/app_state.h"
 #include "upgrade/fetch.h"
 #include "upgrade/package_file.h"
 #include "upgrade/report.h"
@@ -40,6 +41,7 @@ std::atomic<int> download_attempts = 0;  // odd: wget
 
 struct job {
     app_info* entry = nullptr;
+    app_job number = NO_JOB;
     const app_info* remote = nullptr;
     bool use_wget = false;
     bool has_folder = false;  // of our own to download into
@@ -54,24 +56,12 @@ off_t file_size(const char* path) {
     return stat(path, &info) == 0 ? info.st_size : NO_FILE;
 }
 
-// False once the user has stopped this download, also when another has begun since. The caller
-// holds the lock.
-bool is_current(const app_info& entry) {
-    return entry.status == APP_DOWNLOADING &&
-           pthread_equal(entry.download_thread, pthread_self()) != 0;
+bool still_wanted(const job& work) {
+    return is_current(*work.entry, work.number);
 }
 
-bool still_wanted(const app_info& entry) {
-    const app_list_guard guard;
-    return is_current(entry);
-}
-
-// Sets the status unless the download has been stopped meanwhile.
-void end_with(app_info* entry, int status) {
-    const app_list_guard guard;
-    if (is_current(*entry)) {
-        entry->status = status;
-    }
+void end_with(const job& work, app_event event) {
+    (void)advance_locked(work.entry, work.number, event);  // in vain after a stop
 }
 
 bool is_usable_link(const char* link) {
@@ -97,22 +87,20 @@ bool prepare(job* work) {
     app_info* entry = work->entry;
     if (work->remote == nullptr) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "no new version, exit download");
-        end_with(entry, APP_CHECK_FAILED);
+        end_with(*work, app_event::nothing_to_download);
         return false;
     }
-    if (check_memory(*work->remote) != 0) {
+    if (check_memory(*work->remote, entry) != 0) {
         log_err(FUNCTION, __LINE__, "havn't enough memory for download %s, size %dk",
                 entry->app_name.get(), work->remote->size / 1024);
-        set_upgrade_requested(entry, 0);
-        report_upgrade_result(*entry, "no memory");
-        end_with(entry, APP_DOWNLOAD_FAILED);
+        report_upgrade_result(*entry, work->number, "no memory");
+        end_with(*work, app_event::download_failed);
         return false;
     }
     if (!find_target(work)) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "no version name or download url, exit download");
-        set_upgrade_requested(entry, 0);
-        end_with(entry, APP_CHECK_FAILED);
+        end_with(*work, app_event::nothing_to_download);
         return false;
     }
     return true;
@@ -192,14 +180,22 @@ void log_child(pid_t child, const char* target, const char* how) {
             target, how);
 }
 
-// Waits for the child to end, or ends it. False when the download has been stopped.
+// What the file still lacks counts as taken, beside what it takes already.
+void note_progress(const job& work) {
+    const off_t size = std::max<off_t>(file_size(work.target), 0);
+    work.entry->download_rest = std::max<int64_t>(work.remote->size - size, 0);
+}
+
+// Waits for the child to end, or ends it. False when the download has been stopped, also when the
+// child has ended by itself meanwhile: what it left is judged for nobody.
 bool watch_child(const job& work, pid_t child) {
     for (int polls = 0;; polls++) {
         if (waitpid(child, nullptr, WNOHANG) != 0) {
             log_child(child, work.target, "finish");
-            return true;
+            return still_wanted(work);
         }
-        if (!still_wanted(*work.entry)) {
+        note_progress(work);
+        if (!still_wanted(work)) {
             (void)kill(child, SIGKILL);  // left unreaped: nobody waits for a stopped download
             log_child(child, work.target, "canceled");
             return false;
@@ -236,9 +232,34 @@ void fail(const job& work) {
         run_shell_format("rm -f %s", shell_word(work.target).c_str());
         (void)unlink(work.target);  // also without a shell
     }
-    report_upgrade_result(*work.entry, "download failed");
-    // Last: from then on another download may write the same file, another offer come.
-    end_with(work.entry, APP_DOWNLOAD_FAILED);
+    report_upgrade_result(*work.entry, work.number, "download failed");
+    // Last: from then on another offer may come.
+    end_with(work, app_event::download_failed);
+}
+
+void run(job* work) {
+    const app_info_ptr remote = copy_remote(*work->entry);
+    work->remote = remote.get();
+    if (!prepare(work)) {
+        return;
+    }
+    work->use_wget = download_attempts % 2 != 0 && wget_may_fetch(remote->link.get());
+    if (work->use_wget && text_of(pluginmgr_config.device_model) != "BRIX") {
+        pin_host(remote->link.get());
+    }
+    // The status is "downloading" since the thread was started.
+    const pid_t child = start_child(work);
+    if (child > 0 && !watch_child(*work, child)) {
+        return;
+    }
+    if (is_complete(*work)) {
+        end_with(*work, app_event::download_done);
+    } else {
+        fail(*work);
+    }
+    log_msg(LOG_SERVICE, LEVEL_DEBUG, FUNCTION, __LINE__,
+            "download_run thread for %s exit, status %d", work->entry->app_name.get(),
+            work->entry->status.load());
 }
 
 }  // namespace
@@ -247,28 +268,10 @@ void* download_run(void* entry) {
     (void)pthread_detach(pthread_self());
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     job work = {.entry = static_cast<app_info*>(entry)};
-    const app_info_ptr remote = copy_remote(*work.entry);
-    work.remote = remote.get();
-    if (!prepare(&work)) {
-        return nullptr;
-    }
-    work.use_wget = download_attempts % 2 != 0 && wget_may_fetch(remote->link.get());
-    if (work.use_wget && text_of(pluginmgr_config.device_model) != "BRIX") {
-        pin_host(remote->link.get());
-    }
-    // The status is "downloading" since the thread was started; setting it again here would undo
-    // a stop.
-    const pid_t child = start_child(&work);
-    if (child > 0 && !watch_child(work, child)) {
-        return nullptr;
-    }
-    if (is_complete(work)) {
-        end_with(work.entry, APP_DOWNLOADED);
-    } else {
-        fail(work);
-    }
-    log_msg(LOG_SERVICE, LEVEL_DEBUG, __func__, __LINE__,
-            "download_run thread for %s exit, status %d", work.entry->app_name.get(),
-            work.entry->status.load());
+    work.number = current_job(*work.entry);
+    run(&work);
+    const app_list_guard guard;
+    work.entry->download_rest = 0;
+    work.entry->download_thread_runs = false;  // only now may the next one write the same file
     return nullptr;
 }

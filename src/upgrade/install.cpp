@@ -15,6 +15,7 @@
 #include "base/text.h"
 #include "config/settings.h"
 #include "log/tb_log.h"
+#include "upgrade/app_state.h"
 #include "upgrade/package_file.h"
 #include "upgrade/report.h"
 #include "upgrade/signature.h"
@@ -42,43 +43,47 @@ bool find_package(const app_info& remote, char (*package)[PACKAGE_PATH_SIZE]) {
     return access(*package, F_OK) == 0;
 }
 
-// Takes the one install for entry. False when another was faster or the user has stopped it.
-bool begin_install(app_info* entry) {
+// Whose word about entry's install counts.
+struct install_job {
+    app_info* entry = nullptr;
+    app_job number = NO_JOB;
+};
+
+// Takes the one install. False when another was faster or the user has stopped it.
+bool begin_install(const install_job& job) {
     if (upgrade_busy.exchange(1) == 1) {
         return false;
     }
-    int expected = APP_DOWNLOADED;
-    if (!entry->status.compare_exchange_strong(expected, APP_INSTALLING)) {
+    const bool begun = advance_locked(job.entry, job.number, app_event::install_begun);
+    if (!begun) {
         upgrade_busy = 0;
-        return false;
     }
-    return true;
+    return begun;
 }
 
-// Sets the status unless the user has stopped the install meanwhile.
-void end_with(app_info* entry, int status) {
-    int expected = APP_INSTALLING;
-    (void)entry->status.compare_exchange_strong(expected, status);
+// In vain when the user has stopped the install meanwhile.
+void end_with(const install_job& job, app_event event) {
+    (void)advance_locked(job.entry, job.number, event);
 }
 
-void refuse(app_info* entry, const char* package, int status, const char* reason) {
+void refuse(const install_job& job, const char* package, app_event event, const char* reason) {
     (void)unlink(package);
-    end_with(entry, status);
-    report_upgrade_result(*entry, reason);
+    report_upgrade_result(*job.entry, job.number, reason);
+    end_with(job, event);
 }
 
 // package is an open file, path its former name.
-bool verify_package(app_info* entry, const app_info& remote, int package, const char* path) {
+bool verify_package(const install_job& job, const app_info& remote, int package, const char* path) {
     char source[SOURCE_SIZE] = {};
     char signature[SIGNATURE_TEXT_SIZE] = {};
-    const char* name = entry->app_name.get();
+    const char* name = job.entry->app_name.get();
     if (pluginmgr_config.check_signature != 1) {
         return true;
     }
     if (is_empty(remote.signature.get())) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "%s version info havn't signature, refuse upgrade.", name);
-        refuse(entry, path, APP_NO_SIGNATURE, "not found signature");
+        refuse(job, path, app_event::signature_missing, "not found signature");
         return false;
     }
     format_text(source, "/proc/self/fd/%d", package);
@@ -86,7 +91,7 @@ bool verify_package(app_info* entry, const app_info& remote, int package, const 
         strcmp(signature, remote.signature.get()) != 0) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "%s version signature not match, refuse upgrade.", name);
-        refuse(entry, path, APP_BAD_SIGNATURE, "signature not match");
+        refuse(job, path, app_event::signature_wrong, "signature not match");
         return false;
     }
     return true;
@@ -144,9 +149,9 @@ void record_new_version(app_info* entry, const app_info& remote) {
     dumpVersionToFile();
 }
 
-void fail(app_info* entry) {
-    report_upgrade_result(*entry, "fail");
-    end_with(entry, APP_INSTALL_FAILED);
+void fail(const install_job& job) {
+    report_upgrade_result(*job.entry, job.number, "fail");
+    end_with(job, app_event::install_failed);
 }
 
 void log_result(const app_info& entry, off_t result, const char* message) {
@@ -156,52 +161,52 @@ void log_result(const app_info& entry, off_t result, const char* message) {
 
 // The status comes last: from then on the check cycle may replace the offer, restart the program
 // or, after an upgrade of the daemon itself, end the process.
-void judge_result(app_info* entry, const app_info& remote) {
+void judge_result(const install_job& job, const app_info& remote) {
     struct stat info = {};
     if (stat(RESULT_FILE, &info) != 0) {
-        fail(entry);
+        fail(job);
         return;
     }
     if (info.st_size == RESULT_SUCCESS) {
-        report_upgrade_result(*entry, "ok");
-        log_result(*entry, info.st_size, "");
-        record_new_version(entry, remote);
-        end_with(entry, APP_INSTALLED);
+        report_upgrade_result(*job.entry, job.number, "ok");
+        log_result(*job.entry, info.st_size, "");
+        record_new_version(job.entry, remote);
+        end_with(job, app_event::install_done);
         return;
     }
     char message[MESSAGE_SIZE] = {};
     read_message(message);
-    report_upgrade_result(*entry, message);
-    log_result(*entry, info.st_size, message);
-    end_with(entry, info.st_size == RESULT_PARTIAL ? APP_INSTALL_PARTIAL : APP_INSTALL_FAILED);
+    report_upgrade_result(*job.entry, job.number, message);
+    log_result(*job.entry, info.st_size, message);
+    end_with(job, info.st_size == RESULT_PARTIAL ? app_event::install_partial
+                                                 : app_event::install_failed);
 }
 
 // True when the install had begun, so that upgrade_busy is this thread's.
-bool install(app_info* entry) {
+bool install(const install_job& job) {
     char package[PACKAGE_PATH_SIZE] = {};
-    const app_info_ptr remote = copy_remote(*entry);
+    const app_info_ptr remote = copy_remote(*job.entry);
     if (!remote) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "no new version, exit upgrade");
         return false;
     }
     if (!find_package(*remote, &package)) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "file not found, exit upgrade");
-        int expected = APP_DOWNLOADED;
-        (void)entry->status.compare_exchange_strong(expected, APP_INSTALL_FAILED);
+        end_with(job, app_event::package_missing);
         return false;
     }
-    if (!begin_install(entry)) {
+    if (!begin_install(job)) {
         return false;
     }
     const unique_fd file = take_package(package);
-    if (!verify_package(entry, *remote, file.get(), package)) {
+    if (!verify_package(job, *remote, file.get(), package)) {
         return true;
     }
     if (own_folder(UNPACK_FOLDER)) {
         run_install_script(file.get(), package);
-        judge_result(entry, *remote);
+        judge_result(job, *remote);
     } else {
-        fail(entry);
+        fail(job);
     }
     return true;
 }
@@ -212,7 +217,7 @@ void* upgrade_process(void* entry) {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     (void)pthread_detach(pthread_self());
     auto* app = static_cast<app_info*>(entry);
-    const bool had_begun = install(app);
+    const bool had_begun = install({.entry = app, .number = current_job(*app)});
     const app_list_guard guard;
     if (had_begun && app->upgrade_thread_runs) {  // not when it has been cancelled, even too late
         upgrade_busy = 0;

@@ -8,9 +8,11 @@ namespace {
 
 constexpr size_t REPORT_SIZE = 1024;
 
-bool format_report(const app_info& entry, const char* result, char (&report)[REPORT_SIZE]) {
+// The offer that the report tells of is the job's for as long as the job is the entry's.
+bool format_report(const app_info& entry, app_job job, const char* result,
+                   char (&report)[REPORT_SIZE]) {
     const app_list_guard guard;
-    if (!entry.remote || result == nullptr) {
+    if (job == NO_JOB || entry.job != job || !entry.remote || result == nullptr) {
         return false;
     }
     (void)format_text(report, "app_name=%s&version=%s&to_version=%s&upgrade_result=%s",
@@ -21,10 +23,14 @@ bool format_report(const app_info& entry, const char* result, char (&report)[REP
 
 }  // namespace
 
-void report_upgrade_result(const app_info& entry, const char* result) {
+void report_upgrade_result(const app_info& entry, app_job job, const char* result) {
     char report[REPORT_SIZE] = {};
-    if (format_report(entry, result, report)) {
-        set_upgrade_report(report);
-        (void)pluginmgr_api(nullptr, "report_upgrade");  // never repeated
+    if (!format_report(entry, job, result, report)) {
+        return;
+    }
+    add_upgrade_report(report);
+    // Whoever is first sends the oldest, so each goes out once. None is repeated: a code that is
+    // not 0 ends the round, and what still waits goes with the next.
+    while (upgrade_reports_wait() && pluginmgr_api(nullptr, "report_upgrade") == 0) {
     }
 }

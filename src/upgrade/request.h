@@ -11,5 +11,7 @@
 // Stops an application's upgrade, whatever its state, and sets it idle. Always 0.
 [[nodiscard]] int stopPluginAppUpdate(const char* name);
 
-// 0 when free memory exceeds the package's size by more than 4 MiB, else -1 (logged). Any thread.
-[[nodiscard]] int check_memory(const app_info& remote);
+// 0 when free memory exceeds the package's size, and what running downloads may still take, by more
+// than 4 MiB, else -1 (logged). The memory is then counted as taken by entry's download, if one is
+// given. Takes the list's lock. Any thread.
+[[nodiscard]] int check_memory(const app_info& remote, app_info* entry = nullptr);

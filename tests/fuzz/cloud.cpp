@@ -21,7 +21,7 @@ constexpr const char* EVENTS[] = {
     "cloudLogin",      "create_authcode",    "app_report", "get_authcode",  "delete_authcode"};
 
 void perform_event(unsigned which) {
-    set_upgrade_report("report");
+    add_upgrade_report("report");
     (void)pluginmgr_api_with_param(nullptr, EVENTS[which % std::size(EVENTS)], "a=b");
 }
 

@@ -47,6 +47,7 @@ def device(platform, request):
         with open(folder + "/requests.txt", "w", encoding="latin-1") as file:
             file.write(platform.journal_text())
     one.kill_all()
+    assert not one.log_lines("no way from"), "nothing asks for a change of status that cannot be"
 
 
 @pytest.fixture

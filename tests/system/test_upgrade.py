@@ -17,7 +17,7 @@ from lab.package import build, sign
 from lab.platform import DEVICE_ID, Answer, basic
 
 NAME, OLD, NEW = "cloud_phone", "1.0.0", "1.1.0"
-PARTIAL, NO_SIGNATURE, BAD_SIGNATURE = 11, 12, 13
+DOWNLOADING, PARTIAL, NO_SIGNATURE, BAD_SIGNATURE = 2, 11, 12, 13
 SCRIPT, AUTHORITY = "/var/run/cloud_install.sh", "/etc/ssl/certs/ca-certificates.crt"
 NOT_UNPACKED = f"upcompress /tmp/dl_cloud/{NAME}-{NEW}.tar.gz fail"
 
@@ -271,19 +271,111 @@ def test_starts_and_stops_hammered(platform, enrolled):
     enrolled.wait_status(NAME, INSTALL_FAILED)
 
 
-def test_refusals(platform, enrolled):
-    platform.cloud.offer(build(NAME, NEW), size=-1)  # no device has that much memory
-    platform.cloud.offer(build("pluginmgr", "1.2.10"))
+@contextlib.contextmanager
+def free_memory(kilobytes):
+    """What the device seems to have free."""
+    write_text("/run/lab/meminfo", f"MemFree: {kilobytes} kB\n")
+    subprocess.run(["/bin/mount", "--bind", "/run/lab/meminfo", "/proc/meminfo"], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["/bin/umount", "/proc/meminfo"], check=True)
+
+
+def test_running_downloads_count_in_the_memory_check(platform, enrolled):
+    """And give theirs back when they end."""
+    names, size = (NAME, "cloud_fax", "cloud_door"), 40 << 20
+    enrolled.write_plugins({name: OLD for name in names})
+    packages = {name: build(name, NEW, padding=50_000) for name in names}
+    platform.dl.answer("GET /packages/*", Answer(b"x" * 50_000, drip=1_000, drip_pause=0.2))
+    with free_memory((size >> 10) + 5 * 1024):
+        for name in names:
+            platform.cloud.offer(packages[name], size=size, force=True)
+        start(enrolled)
+        wait_until(lambda: len(platform.cloud.device.upgrades) == 2, what="two refusals")
+        running = [name for name in names if enrolled.plugins()[name]["status"] == DOWNLOADING]
+        assert len(running) == 1 and len(platform.requests("GET /packages/*")) == 1
+        assert sorted(platform.cloud.device.upgrades) == sorted(
+            report("no memory", name) for name in names if name not in running)
+        assert enrolled.action(pluginName=running[0], pluginAction="cancel")["code"] == 0
+        wait_until(lambda: device_processes() == [enrolled.pid()], 10, "the end of the transfer")
+        for name in names:
+            platform.cloud.offer(packages[name], size=size, force=name not in running)
+        assert enrolled.get(80025)
+        wait_until(lambda: len(platform.requests("GET /packages/*")) == 2, 30, what="another's turn")
+
+
+def test_every_report_goes_out_once(platform, enrolled):
+    names = [f"cloud_{number}" for number in range(8)]
+    enrolled.write_plugins({name: OLD for name in names})
+    platform.dl.answer("GET /packages/*", Answer(b"", cut_after=0))
+    for name in names:
+        platform.cloud.offer(build(name, NEW), force=True)
     start(enrolled)
-    wait_until(lambda: enrolled.plugins()[NAME]["pluginNewVersion"] == NEW, what="the offer")
-    for name, code in (("pluginmgr", 0), ("unknown", 0), ("", 0), (NAME, 42)):
-        assert enrolled.action(pluginName=name, pluginAction="update")["code"] == code, name
-    assert enrolled.action(pluginName=NAME, pluginAction="again") == {"result": "error", "code": 91}
-    assert enrolled.action(pluginName=NAME) == {"result": "error", "code": 91}
-    platform.cloud.offer(build(NAME, NEW), size=-1, force=True)
-    assert enrolled.get(80025)
+    for name in names:
+        enrolled.wait_status(name, DOWNLOAD_FAILED)
+    assert sorted(platform.cloud.device.upgrades) == sorted(report("download failed", name) for name in names)
+
+
+def test_update_right_after_a_cancel(platform, enrolled):
+    """The old job, whose child has ended or is about to, says nothing of the new one's file."""
+    package = build(NAME, NEW, padding=60_000)
+    platform.dl.answer("GET /packages/*", Answer(package.data, drip=20_000, drip_pause=0.02))
+    offer(platform, enrolled, package, signature="wrong")
+    for round_ in range(1, 11):
+        update(enrolled)
+        time.sleep(0.03 * round_)
+        assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
+        update(enrolled)
+        wait_until(lambda: enrolled.plugins()[NAME]["status"] in (DOWNLOAD_FAILED, BAD_SIGNATURE), what="its end")
+        assert enrolled.plugins()[NAME]["status"] == BAD_SIGNATURE
+    assert set(platform.cloud.device.upgrades) == {report("signature not match")}
+
+
+def test_what_is_answered_ok_is_carried_out(platform, enrolled):
+    """Also after a failure, without another check."""
+    package = build(NAME, NEW)
+    platform.dl.answer("GET /packages/*", Answer(package.data, cut_after=100), times=1)
+    offer_and_update(platform, enrolled, package)
     enrolled.wait_status(NAME, DOWNLOAD_FAILED)
-    assert platform.cloud.device.upgrades == [report("no memory")] and not platform.requests("GET /packages/*")
+    update(enrolled)
+    enrolled.wait_status(NAME, RESTARTED)
+
+
+def test_own_upgrade_begins_no_other_install(platform, enrolled):
+    """It would go on beside the daemon's successor, which begins it again."""
+    enrolled.write_plugins({NAME: OLD, "pluginmgr": "1.0.0"})
+    other = build(NAME, NEW, padding=20_000, slow=20)
+    platform.dl.answer(f"GET /packages/{NAME}*", Answer(other.data, drip=5_000, drip_pause=0.2))
+    platform.cloud.offer(other, force=True)
+    platform.cloud.offer(build("pluginmgr", "9.0.0", slow=2.5), force=True)
+    start(enrolled)
+    enrolled.wait_status(NAME, DOWNLOADED)
+    assert enrolled.plugins()["pluginmgr"]["status"] == INSTALLING
+    enrolled.wait_log("pluginmgr exit since upgrade")
+    commands = [read_text(f"/proc/{pid}/cmdline") for pid in os.listdir("/proc") if pid.isdigit()]
+    assert not [command for command in commands if "install" in command]
+
+
+def test_refusals(platform, enrolled):
+    platform.cloud.offer(build(NAME, NEW), size=50 << 20)
+    platform.cloud.offer(build("pluginmgr", "1.2.10"))
+    with free_memory(54 << 10):  # not one byte beyond the reserve
+        start(enrolled)
+        wait_until(lambda: enrolled.plugins()[NAME]["pluginNewVersion"] == NEW, what="the offer")
+        for name, code in (("pluginmgr", 0), ("unknown", 0), ("", 0), (NAME, 42)):
+            assert enrolled.action(pluginName=name, pluginAction="update")["code"] == code, name
+        assert enrolled.action(pluginName=NAME, pluginAction="again") == {"result": "error", "code": 91}
+        assert enrolled.action(pluginName=NAME) == {"result": "error", "code": 91}
+        platform.cloud.offer(build(NAME, NEW), size=50 << 20, force=True)
+        assert enrolled.get(80025)
+        enrolled.wait_status(NAME, DOWNLOAD_FAILED)
+        assert platform.cloud.device.upgrades == [report("no memory")] and not platform.requests("GET /packages/*")
+        platform.cloud.offer(build(NAME, NEW), size=-1)  # fits anywhere, and is no package's
+        assert enrolled.get(80025)
+        update(enrolled)
+        enrolled.wait_status(NAME, DOWNLOAD_FAILED)
+        assert platform.cloud.device.upgrades[1:] == [report("download failed")]
 
 
 def test_stop_during_a_slow_report_holds(platform, enrolled):

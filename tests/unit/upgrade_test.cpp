@@ -4,18 +4,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <iterator>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "base/handles.h"
 #include "base/json.h"
 #include "base/result.h"
 #include "base/text.h"
 #include "config/settings.h"
+#include "log/tb_log.h"
 #include "upgrade/app_info.h"
+#include "upgrade/app_state.h"
 #include "upgrade/check_cycle.h"
 #include "upgrade/install.h"
 #include "upgrade/package_file.h"
+#include "upgrade/request.h"
 #include "upgrade/version_list.h"
 
 namespace {
@@ -165,7 +171,7 @@ TEST(package, and_its_folder_are_taken_only_when_nobody_else_can_change_them) {
 TEST_F(upgrade_list, what_a_pass_does_with_each_status) {
     set_text(pluginmgr_config.api_server, "");
     upgrade_busy = 1;  // so that nothing is installed
-    const std::set<int> requested_in = {1, 2, 3, 4, 5, 6, 7, 11, 12, 13, 14};
+    const std::set<int> requested_in = {1, 2, 4, 5, 14};
     const std::set<int> left_alone = {1, APP_DOWNLOADING, APP_DOWNLOADED, APP_INSTALLING, 14};
     for (int status = 0; status <= 14; status++) {
         if (status == APP_INSTALLED) {
@@ -191,6 +197,99 @@ TEST_F(upgrade_list, what_a_pass_does_with_each_status) {
         EXPECT_EQ(entry->status, left ? entry->size : APP_CHECK_FAILED) << entry->size;
         EXPECT_EQ(entry->remote != nullptr, left) << entry->size;
     }
+}
+
+TEST_F(upgrade_list, every_pair_of_status_and_event) {
+    enum class wish { kept, gone, there };
+    const std::set<int> at_rest = {0, 3, 6, 7, 9, 10, 11, 12, 13};
+    const std::set<int> any = {0, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
+    using enum app_event;
+    const struct {
+        app_event event;
+        std::set<int> from;
+        int to;
+        bool of_job;
+        wish upgrade;
+    } rows[] = {
+        {offer_newer, at_rest, 0, false, wish::kept},
+        {offer_not_newer, at_rest, 9, false, wish::gone},
+        {query_failed, at_rest, 10, false, wish::kept},
+        {asked_for, at_rest, 0, false, wish::there},
+        {stopped, any, 0, false, wish::gone},
+        {download_begun, {0}, 2, false, wish::kept},
+        {download_not_begun, {2}, 0, false, wish::kept},
+        {nothing_to_download, {2}, 10, true, wish::gone},
+        {download_failed, {2}, 3, true, wish::gone},
+        {download_done, {2}, 4, true, wish::kept},
+        {install_begun, {4}, 5, true, wish::kept},
+        {package_missing, {4}, 6, true, wish::gone},
+        {signature_missing, {5}, 12, true, wish::gone},
+        {signature_wrong, {5}, 13, true, wish::gone},
+        {install_failed, {5}, 6, true, wish::gone},
+        {install_partial, {5}, 11, true, wish::gone},
+        {install_done, {5}, 8, true, wish::kept},
+        {restarted, {8}, 7, false, wish::gone},
+    };
+    ASSERT_EQ(std::size(rows), static_cast<size_t>(app_event::count));
+    app_info* entry = add("x", "1.0", "1.1");
+    for (const auto& row : rows) {
+        for (int status = -1; status <= 14; status++) {
+            for (const int asked : {0, 1}) {
+                const auto speak = [&](app_job own, app_job job) {
+                    entry->status = status;
+                    entry->job = own;
+                    entry->remote->upgrade_requested = asked;
+                    return advance_locked(entry, job, row.event);
+                };
+                const bool way = row.from.count(status) == 1;
+                const int wanted = row.upgrade == wish::kept ? asked : row.upgrade == wish::there;
+                EXPECT_EQ(speak(7, row.of_job ? 7 : NO_JOB), way)
+                    << status << " by " << static_cast<int>(row.event);
+                EXPECT_EQ(entry->status, way ? row.to : status);
+                EXPECT_EQ(entry->remote->upgrade_requested, way ? wanted : asked);
+                if (row.of_job) {
+                    EXPECT_FALSE(speak(7, 6)) << "an older job";
+                    EXPECT_FALSE(speak(NO_JOB, NO_JOB)) << "a stopped one";
+                    EXPECT_EQ(entry->status, status);
+                }
+            }
+        }
+    }
+    entry->status = APP_IDLE;
+    ASSERT_TRUE(advance_locked(entry, NO_JOB, download_begun));
+    const app_job first = current_job(*entry);
+    EXPECT_TRUE(is_current(*entry, first));
+    ASSERT_TRUE(advance_locked(entry, NO_JOB, stopped));
+    EXPECT_FALSE(is_current(*entry, current_job(*entry)));
+    ASSERT_TRUE(advance_locked(entry, NO_JOB, download_begun));
+    EXPECT_FALSE(is_current(*entry, first)) << "each download has a number of its own";
+}
+
+// The check cycle exchanges the offer for an older version and back, at any instant.
+TEST_F(upgrade_list, only_a_newer_version_is_ever_asked_for) {
+    app_info* entry = add("x", "1.0", "1.1");
+    log_set_level(LOG_SYSTEM, LEVEL_ALWAYS);  // thousands of lines would only say so
+    std::atomic<bool> stop = false;
+    std::thread exchanger([&] {
+        for (unsigned turn = 0; !stop; turn++) {
+            app_info_ptr offer = std::make_unique<app_info>();
+            offer->version = heap_text(turn % 2 == 0 ? "0.9" : "1.1");
+            const app_list_guard guard;
+            if (entry->remote->upgrade_requested == 0) {
+                entry->remote.swap(offer);
+            }
+        }
+    });
+    for (int round = 0; round < 3000; round++) {
+        EXPECT_EQ(startPluginAppUpdate("x"), 0);
+        const app_list_guard guard;
+        EXPECT_TRUE(entry->remote->upgrade_requested == 0 ||
+                    !is_not_newer(entry, entry->remote.get()));
+        entry->remote->upgrade_requested = 0;
+    }
+    stop = true;
+    exchanger.join();
+    log_set_level(LOG_SYSTEM, LEVEL_NOTICE);
 }
 
 }  // namespace
