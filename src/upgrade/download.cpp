@@ -186,13 +186,12 @@ void note_progress(const job& work) {
     work.entry->download_rest = std::max<int64_t>(work.remote->size - size, 0);
 }
 
-// Waits for the child to end, or ends it. False when the download has been stopped, also when the
-// child has ended by itself meanwhile: what it left is judged for nobody.
+// Waits for the child to end, or ends it. False when the download has been stopped.
 bool watch_child(const job& work, pid_t child) {
     for (int polls = 0;; polls++) {
         if (waitpid(child, nullptr, WNOHANG) != 0) {
             log_child(child, work.target, "finish");
-            return still_wanted(work);
+            return true;
         }
         note_progress(work);
         if (!still_wanted(work)) {

@@ -318,33 +318,40 @@ def test_every_report_goes_out_once(platform, enrolled):
 
 
 def test_update_right_after_a_cancel(platform, enrolled):
-    """The old job, whose child has ended or is about to, says nothing of the new one's file."""
+    """The old job, whose child has ended or is about to, says nothing of the new one's file, and no
+    two children of theirs write it."""
     package = build(NAME, NEW, padding=60_000)
-    platform.dl.answer("GET /packages/*", Answer(package.data, drip=20_000, drip_pause=0.02))
+    platform.dl.answer("GET /packages/*", Answer(package.data, drip=20_000, drip_pause=0.06))
     offer(platform, enrolled, package, signature="wrong")
     for round_ in range(1, 11):
         update(enrolled)
-        time.sleep(0.03 * round_)
+        time.sleep(0.015 * round_)  # never as late as an install, whose stop blocks later ones
         assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
         update(enrolled)
         wait_until(lambda: enrolled.plugins()[NAME]["status"] in (DOWNLOAD_FAILED, BAD_SIGNATURE), what="its end")
         assert enrolled.plugins()[NAME]["status"] == BAD_SIGNATURE
     assert set(platform.cloud.device.upgrades) == {report("signature not match")}
+    begins = ["new process" in line for line in enrolled.log_lines(" download /tmp/dl_cloud/") if "process" in line]
+    assert begins == [True, False] * (len(begins) // 2)
 
 
 def test_what_is_answered_ok_is_carried_out(platform, enrolled):
-    """Also after a failure, without another check."""
+    """Also after a failure, without another check; one that comes in the same pass does not ask for it."""
     package = build(NAME, NEW)
     platform.dl.answer("GET /packages/*", Answer(package.data, cut_after=100), times=1)
     offer_and_update(platform, enrolled, package)
     enrolled.wait_status(NAME, DOWNLOAD_FAILED)
     update(enrolled)
+    assert enrolled.get(80025)
     enrolled.wait_status(NAME, RESTARTED)
 
 
 def test_own_upgrade_begins_no_other_install(platform, enrolled):
-    """It would go on beside the daemon's successor, which begins it again."""
-    enrolled.write_plugins({NAME: OLD, "pluginmgr": "1.0.0"})
+    """It would go on beside the daemon's successor, which begins it again. What runs already ends first."""
+    enrolled.write_plugins({NAME: OLD, "cloud_fax": OLD, "pluginmgr": "1.0.0"})
+    slow = build("cloud_fax", NEW, padding=40_000)
+    platform.dl.answer("GET /packages/cloud_fax*", Answer(slow.data, drip=5_000, drip_pause=1))
+    platform.cloud.offer(slow, force=True)
     other = build(NAME, NEW, padding=20_000, slow=20)
     platform.dl.answer(f"GET /packages/{NAME}*", Answer(other.data, drip=5_000, drip_pause=0.2))
     platform.cloud.offer(other, force=True)
@@ -355,6 +362,7 @@ def test_own_upgrade_begins_no_other_install(platform, enrolled):
     enrolled.wait_log("pluginmgr exit since upgrade")
     commands = [read_text(f"/proc/{pid}/cmdline") for pid in os.listdir("/proc") if pid.isdigit()]
     assert not [command for command in commands if "install" in command]
+    assert len(enrolled.log_lines("finish")) == 3, "of all downloads"
 
 
 def test_refusals(platform, enrolled):
