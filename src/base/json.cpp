@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/json.h"
 
-#include <fcntl.h>
 #include <json-c/json.h>
 
-#include "base/handles.h"
+#include <cerrno>
+#include <string>
+
+#include "base/file.h"
 #include "base/text.h"
 
 void release_json::operator()(json_object* value) const {
@@ -16,9 +18,13 @@ json_ptr parse_json(const char* text) {
 }
 
 json_ptr parse_json_file(const char* path) {
-    // Not waiting: a pipe in the file's place would hold the reader for ever.
-    const unique_fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    return json_ptr(file ? json_object_from_fd(file.get()) : nullptr);
+    std::string text;
+    if (read_file(path, JSON_FILE_LIMIT, &text) != 0) {
+        return nullptr;
+    }
+    json_ptr value = parse_json(text.c_str());
+    errno = 0;
+    return value;
 }
 
 void add_json_text(json_object* object, const char* key, const char* value) {

@@ -17,7 +17,8 @@ using json_ptr = std::unique_ptr<json_object, release_json>;
 
 // Parses one JSON text; null when it is not JSON.
 [[nodiscard]] json_ptr parse_json(const char* text);
-// Parses a file; null when it cannot be read or is not JSON. Quiet: says nothing on stderr.
+// Parses a regular file of at most JSON_FILE_LIMIT; null, with errno, when it cannot be read, and
+// with an errno of 0 when it is not JSON. Quiet: says nothing on stderr.
 [[nodiscard]] json_ptr parse_json_file(const char* path);
 
 // Adds a text to an object; a null value adds nothing.

@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cloud/pbx.h"
 
-#include <fcntl.h>
 #include <json-c/json.h>
+#include <strings.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <string_view>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/json.h"
 #include "base/result.h"
@@ -31,7 +37,9 @@ constexpr size_t SIGN_TEXT_SIZE = 256;
 constexpr size_t PBX_REQUEST_SIZE = 2048;  // holds any code whole, escaped as JSON
 constexpr mode_t FILE_MODE = 0644;
 constexpr std::string_view TOKEN_HEADER = "X-Kzt-Activetoken";
-constexpr size_t TOKEN_AT = 19;  // behind the header's name, a colon and a blank
+constexpr std::string_view LENGTH_HEADER = "Content-Length";
+constexpr int STATUS_OK = 200;
+constexpr int STATUS_REDIRECT = 300;  // the first that is no success
 
 // What every request carries.
 struct credentials {
@@ -177,34 +185,90 @@ void store_access_token(json_object* answer) {
     ini_set(SETTINGS_FILE, "Config", "quorvel_token", pluginmgr_config.quorvel_token);
 }
 
-int read_object(const char* name, const char* path, const char* key, const char* file) {
+// The object under key goes into file. saved is false when it could not.
+int read_object(const char* name, const char* path, const char* key, const char* file,
+                bool* saved) {
     json_ptr answer;
     const read_request what = {path, "token", pluginmgr_config.quorvel_token, ""};
     const int code = read_with_code(name, what, &answer);
     json_object* object = code == 0 ? json_member(answer.get(), key) : nullptr;
-    if (json_object_is_type(object, json_type_object)) {
-        save_pbx_file(file, object);
+    *saved = !json_object_is_type(object, json_type_object) || save_pbx_file(file, object) == 0;
+    return code;
+}
+
+// Behind a header's name and colon, and blanks, up to where its line or what is printable ends.
+std::string_view header_value(std::string_view head, std::string_view name) {
+    size_t at = 0;
+    while ((at = head.find('\n', at)) != std::string_view::npos) {
+        const std::string_view line = head.substr(++at);
+        if (line.size() <= name.size() || line[name.size()] != ':' ||
+            strncasecmp(line.data(), name.data(), name.size()) != 0) {
+            continue;
+        }
+        const size_t start = std::min(line.find_first_not_of(' ', name.size() + 1), line.size());
+        const std::string_view value = line.substr(start);
+        const auto* end = std::ranges::find_if(value, [](char c) { return c < ' ' || c > '~'; });
+        return value.substr(0, static_cast<size_t>(end - value.begin()));
+    }
+    return {};
+}
+
+// Whether the answer under this header is the image, whole.
+int judge_image(std::string_view head, std::string_view image) {
+    const size_t blank = std::min(head.find(' '), head.size());
+    const int status = to_int(head.substr(blank));
+    if (status < STATUS_OK || status >= STATUS_REDIRECT) {
+        log_err("quorvel_active_qr", __LINE__, "no QR code, the answer has status %d", status);
+        return status == 0 ? ERR_RECEIVE : ERR_PBX_REFUSED;
+    }
+    const int announced = to_int(header_value(head, LENGTH_HEADER));
+    if (image.empty() || std::ssize(image) < announced) {
+        log_err("quorvel_active_qr", __LINE__, "QR code of %zu bytes, announced are %d",
+                image.size(), announced);
+        return ERR_RECEIVE;
+    }
+    return 0;
+}
+
+// Asks for the image, which stays in memory until it is judged.
+int ask_image(json_ptr* answer, char* header, std::string* image) {
+    const unique_fd memory(memfd_create("qr", MFD_CLOEXEC));
+    if (!memory) {
+        log_err("quorvel_active_qr", __LINE__, "no memory for a QR code: %s", strerror(errno));
+        return ERR_RECEIVE;
+    }
+    char path[32] = {};
+    format_text(path, "/proc/self/fd/%d", memory.get());
+    const int code =
+        ask_activation({"/v1/ippbx/activatecode", "get active qr", nullptr, path}, answer, header);
+    return code == 0 && read_open_file(memory.get(), ANSWER_SIZE, image) != 0 ? ERR_RECEIVE : code;
+}
+
+int take_image(std::string_view head, std::string_view image) {
+    const int code = judge_image(head, image);
+    if (code == 0 && publish_file(PBX_QR_IMAGE, image, FILE_MODE) != 0) {
+        log_err("quorvel_active_qr", __LINE__, "%s not written: %s", PBX_QR_IMAGE, strerror(errno));
+        return ERR_RECEIVE;
     }
     return code;
 }
 
 }  // namespace
 
-void save_pbx_file(const char* path, json_object* object) {
-    // Not json_object_to_file(): programs started meanwhile would inherit its descriptor, and a
-    // pipe in the file's place would hold the writer for ever.
-    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
-    const unique_fd file(open(path, flags, FILE_MODE));
-    if (file) {
-        (void)json_object_to_fd(file.get(), object, JSON_C_TO_STRING_PLAIN);
+int save_pbx_file(const char* path, json_object* object) {
+    const char* text = json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN);
+    if (text != nullptr && publish_file(path, text, FILE_MODE) == 0) {
+        return 0;
     }
+    log_err(__func__, __LINE__, "%s not written: %s", path, strerror(errno));
+    return FAILED;
 }
 
 int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]) {
     char header[ANSWER_HEADER_SIZE] = {};
     json_ptr answer;
-    const int exchanged = ask_activation(
-        {"/v1/ippbx/activatecode", "get active qr", nullptr, PBX_QR_IMAGE}, &answer, header);
+    std::string image;
+    const int exchanged = ask_image(&answer, header, &image);
     if (exchanged != 0) {
         return exchanged;
     }
@@ -213,12 +277,12 @@ int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]) {
                 get_response_code_from_json_resp(answer.get()));
         return ERR_PBX_REFUSED;
     }
-    const std::string_view head = text_of(header);
-    const size_t at = head.find(TOKEN_HEADER);
-    if (at != std::string_view::npos && at + TOKEN_AT < head.size()) {
-        set_text(token, head.substr(at + TOKEN_AT, sizeof token - 1));
+    const int taken = take_image(text_of(header), image);
+    const std::string_view sent = header_value(text_of(header), TOKEN_HEADER);
+    if (taken == 0 && !sent.empty()) {
+        set_text(token, sent);
     }
-    return 0;
+    return taken;
 }
 
 int quorvel_check_qr_active_status(const char* token) {
@@ -250,11 +314,18 @@ int quorvel_active(const char* vcode) {
 }
 
 int quorvel_get_kq_config() {
-    return read_object(__func__, "/v1/ippbx/config", "sip_config", PBX_CONFIG_FILE);
+    bool saved = false;  // or else the account of before holds
+    return read_object(__func__, "/v1/ippbx/config", "sip_config", PBX_CONFIG_FILE, &saved);
 }
 
 int quorvel_get_kq_sipstatus() {
-    return read_object(__func__, "/v1/ippbx/status", "sip_status", PBX_STATUS_FILE);
+    bool saved = false;
+    const int code =
+        read_object(__func__, "/v1/ippbx/status", "sip_status", PBX_STATUS_FILE, &saved);
+    if (!saved) {
+        (void)unlink(PBX_STATUS_FILE);  // an earlier one must not pass for today's
+    }
+    return code;
 }
 
 int quorvel_get_kq_extensions(const char* start, char* extensions, size_t extensions_size,

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Client of the hosted PBX service: activation by QR code or verification code, and three reads
-// made with the access token. Owns three files: the QR image, emptied as soon as a new one has been
-// asked for, and the SIP account and status, written on success only. Each call opens and closes a
-// connection of its own. Control thread.
+// made with the access token. Owns three files, each replaced whole and on success only: the QR
+// image, the SIP account and the SIP status. Each call opens and closes a connection of its own.
+// Control thread.
 //
 // Every operation returns 0, ERR_PBX_OFF while the service is switched off, ERR_NO_MAC, a code of
 // the connection or the exchange, or what is said of it.
@@ -16,14 +16,15 @@ constexpr const char* PBX_QR_IMAGE = "/tmp/web/qvrkqqr.png";
 constexpr const char* PBX_CONFIG_FILE = "/var/config/cloud/sip.config";
 constexpr const char* PBX_STATUS_FILE = "/tmp/quorvelsip.status";
 
-// Replaces the account or the status file. Nothing is reported: a full disk shows to whoever reads
-// the file.
-void save_pbx_file(const char* path, json_object* object);
+// Replaces the account or the status file. 0, or FAILED, logged, with the old file untouched.
+[[nodiscard]] int save_pbx_file(const char* path, json_object* object);
 
 constexpr size_t PBX_QR_TOKEN_SIZE = 11;  // 10 characters and the terminator
 
-// Fetches the QR image and the activation token that belongs to it; an answer without a token
-// leaves token as it was. ERR_PBX_REFUSED when the service answers with an error object.
+// Fetches the QR image and the activation token that belongs to it, printable and cut to its size;
+// an answer without a token leaves token as it was. ERR_PBX_REFUSED when the service answers with
+// an error object or an error status, ERR_RECEIVE for an image that is empty, shorter than
+// announced or cannot be stored.
 [[nodiscard]] int quorvel_active_qr(char (&token)[PBX_QR_TOKEN_SIZE]);
 
 // Asks whether the user has scanned the code; if so, the access token is stored. Or the service's

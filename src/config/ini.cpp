@@ -3,14 +3,15 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/types.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/lock.h"
 #include "base/text.h"
@@ -22,7 +23,11 @@ namespace {
 // One thread at a time. Readers take it as well, or they might meet half of a write.
 pthread_mutex_t file_lock = PTHREAD_MUTEX_INITIALIZER;
 
+// Of the file that could not be read last, as its error line has said.
+char unreadable[128] = {};
+
 constexpr int END_OF_FILE = 1;  // of next_line, beside 0 and the INI codes
+constexpr int TEXT_END = -1;    // of next_byte
 constexpr char FORM_FEED = 12;
 constexpr char CONTROL_Z = 26;
 constexpr char CONTINUED = '+';
@@ -30,8 +35,9 @@ constexpr mode_t NEW_FILE_MODE = 0666;  // less the umask
 constexpr mode_t DRAFT_MODE = 0600;
 
 struct line_reader {
-    file_ptr file;
-    int number = 0;  // of the line in hand, from 1
+    std::string whole;      // of the file
+    std::string_view rest;  // what is still to be read of it
+    int number = 0;         // of the line in hand, from 1
     char text[INI_MAX_LINE] = {};
     std::string_view line;   // in text
     bool continued = false;  // lines that belong to the key line in hand are still to be read
@@ -55,38 +61,66 @@ struct position {
     bool open_end = false;
 };
 
-int next_byte(FILE* file) {
-    int c = getc_unlocked(file);
-    while (c == '\r') {
-        c = getc_unlocked(file);
+// TEXT_END at the end.
+int next_byte(std::string_view* rest) {
+    const size_t start = rest->find_first_not_of('\r');
+    if (start == std::string_view::npos) {
+        *rest = {};
+        return TEXT_END;
     }
-    return c;
+    const auto byte = static_cast<unsigned char>((*rest)[start]);
+    rest->remove_prefix(start + 1);
+    return byte;
 }
 
-// 0, END_OF_FILE or INI_READ_ERROR.
+// 0 or END_OF_FILE.
 int next_line(line_reader* in) {
-    FILE* file = in->file.get();
     size_t length = 0;
-    int c = next_byte(file);
-    for (; c != EOF && c != '\n' && c != '\0'; c = next_byte(file)) {
+    std::string_view rest = in->rest;
+    int c = next_byte(&rest);
+    for (; c != TEXT_END && c != '\n' && c != '\0'; c = next_byte(&rest)) {
         if (length == INI_MAX_LINE) {
-            (void)ungetc(c, file);  // one byte of room is guaranteed
+            rest = in->rest;
             break;
         }
+        in->rest = rest;
         in->text[length++] = static_cast<char>(c);
         if (c == FORM_FEED || c == CONTROL_Z) {
             break;
         }
     }
+    in->rest = rest;
     in->line = {in->text, length};
-    if (ferror(file) != 0) {
-        return INI_READ_ERROR;
-    }
-    if (c == EOF && length == 0) {
+    if (c == TEXT_END && length == 0) {
         return END_OF_FILE;
     }
     in->number++;
     return 0;
+}
+
+// One error line when a file turns unreadable, not for each look into it. error 0: it was read.
+void complain(const char* path, int error) {
+    errno = error;
+    if (error == 0 && text_of(unreadable) == path) {
+        set_text(unreadable, "");
+    } else if (error != 0 && error != ENOENT && text_of(unreadable) != path) {
+        set_text(unreadable, path);
+        log_unreadable(__func__, __LINE__, path);
+    }
+    errno = error;
+}
+
+// 0, INI_NOT_OPENED or INI_READ_ERROR.
+int open_reader(const char* path, line_reader* in) {
+    const unique_fd file = open_regular(path, SETTINGS_FILE_LIMIT);
+    const bool whole = file && read_open_file(file.get(), SETTINGS_FILE_LIMIT, &in->whole) == 0;
+    const int error = whole ? 0 : errno;
+    complain(path, error);
+    in->rest = in->whole;
+    if (whole) {
+        return 0;
+    }
+    return file && error != EFBIG ? INI_READ_ERROR : INI_NOT_OPENED;
 }
 
 std::string_view without_leading(std::string_view text, std::string_view blanks) {
@@ -214,42 +248,53 @@ int find_key(line_reader* in, std::string_view key, std::string* value, position
     }
 }
 
-int look_up(const char* path, std::string_view section, std::string_view key, std::string* value,
-            position* place) {
-    line_reader in = {};
-    in.file.reset(fopen(path, "re"));
-    if (!in.file) {
-        log_msg(LOG_FUNCTION, LEVEL_NOTICE, "config", 411, "open config file %s failed", path);
-        return INI_NOT_OPENED;
-    }
-    int code = find_section(&in, section);
+int look_up_in(line_reader* in, std::string_view section, std::string_view key, std::string* value,
+               position* place) {
+    int code = find_section(in, section);
     if (code == 0) {
-        place->head = in.number;
-        code = find_key(&in, key, value, place);
+        place->head = in->number;
+        code = find_key(in, key, value, place);
     }
-    place->open_end = in.open_end;
+    place->open_end = in->open_end;
     return code;
 }
 
+int look_up(const char* path, std::string_view section, std::string_view key, std::string* value,
+            position* place) {
+    line_reader in = {};
+    const int code = open_reader(path, &in);
+    if (code == INI_NOT_OPENED) {
+        log_msg(LOG_FUNCTION, LEVEL_NOTICE, "config", 411, "open config file %s failed", path);
+    }
+    return code == 0 ? look_up_in(&in, section, key, value, place) : code;
+}
+
 // Opens a file that is to be rewritten, created when missing, and reads what it holds. 0,
-// INI_NOT_CREATED or INI_READ_ERROR.
+// INI_NOT_OPENED, INI_NOT_CREATED or INI_READ_ERROR.
 int open_for_rewrite(const char* path, unique_fd* file, std::string* old) {
-    file->reset(open(path, O_RDWR | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    if (!*file) {
+    file->reset(open(path, O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, NEW_FILE_MODE));
+    struct stat info = {};
+    if (!*file || fstat(file->get(), &info) != 0) {
         return INI_NOT_CREATED;
+    }
+    if (!S_ISREG(info.st_mode) || info.st_size > static_cast<off_t>(SETTINGS_FILE_LIMIT)) {
+        return INI_NOT_OPENED;
     }
     return read_text(file->get(), old) ? 0 : INI_READ_ERROR;
 }
 
-// 0, INI_NOT_CREATED, INI_READ_ERROR or INI_WRITE_ERROR.
+// A text that could not be read again is not written. 0 or INI_WRITE_ERROR.
+int put_over(const unique_fd& file, const std::string& old, const std::string& text) {
+    const bool fits = text.size() <= SETTINGS_FILE_LIMIT;
+    return fits && overwrite(file.get(), old, text) ? 0 : INI_WRITE_ERROR;
+}
+
+// 0, INI_NOT_OPENED, INI_NOT_CREATED, INI_READ_ERROR or INI_WRITE_ERROR.
 int put_in_place(const char* path, const std::string& text) {
     unique_fd file;
     std::string old;
     const int code = open_for_rewrite(path, &file, &old);
-    if (code != 0) {
-        return code;
-    }
-    return overwrite(file.get(), old, text) ? 0 : INI_WRITE_ERROR;
+    return code == 0 ? put_over(file, old, text) : code;
 }
 
 // Carriage returns, which the reader drops, count too.
@@ -285,7 +330,7 @@ int append_pair(const char* path, int looked_up, const position& place, const ch
     text += old.empty() || old.ends_with('\n') ? "" : "\n";
     text += place.open_end ? "\n" : "";  // or the head would continue the file's last value
     text += std::string("[") + section + "]\n" + pair;
-    return overwrite(file.get(), old, text) ? 0 : INI_WRITE_ERROR;
+    return put_over(file, old, text);
 }
 
 // Appends the lines up to number last to text, or passes over them.
@@ -306,11 +351,11 @@ int copy_lines(line_reader* in, int last, std::string* text) {
 int merge_pair(const char* path, const position& place, const std::string& pair,
                std::string* text) {
     line_reader in = {};
-    in.file.reset(fopen(path, "re"));
-    if (!in.file) {
-        return INI_NOT_OPENED;
+    int code = open_reader(path, &in);
+    if (code != 0) {
+        return code;
     }
-    int code = copy_lines(&in, place.key > 0 ? place.key - 1 : place.head, text);
+    code = copy_lines(&in, place.key > 0 ? place.key - 1 : place.head, text);
     if (code == 0) {
         code = copy_lines(&in, in.number + place.key_lines, nullptr);
     }
@@ -376,11 +421,26 @@ int ini_get(const char* path, std::string_view section, std::string_view key, ch
     return code;
 }
 
+int ini_get_from(std::string_view text, std::string_view section, std::string_view key, char* out,
+                 size_t size) {
+    line_reader in = {};
+    in.rest = text;
+    std::string value;
+    position place = {};
+    const int code = look_up_in(&in, section, key, &value, &place);
+    if (code == 0) {
+        copy_text(out, size, value);
+    }
+    return code;
+}
+
 bool ini_mentions(const char* path, std::string_view key) {
     const mutex_guard lock(&file_lock);
     line_reader in = {};
-    in.file.reset(fopen(path, "re"));
-    while (in.file && next_line(&in) == 0) {
+    if (open_reader(path, &in) != 0) {
+        return errno != ENOENT;  // it may
+    }
+    while (next_line(&in) == 0) {
         const std::string_view line = without_leading(in.line, " \t");
         if (line == key || (line.starts_with(key) && line.find_first_of(" \t=") == key.size())) {
             return true;
@@ -406,9 +466,9 @@ int ini_set(const char* path, const char* section, const char* key, const char* 
 int ini_list_sections(const char* path, std::span<ini_name> names) {
     const mutex_guard lock(&file_lock);
     line_reader in = {};
-    in.file.reset(fopen(path, "re"));
-    if (!in.file) {
-        return INI_NOT_OPENED;
+    const int opened = open_reader(path, &in);
+    if (opened != 0) {
+        return opened;
     }
     size_t count = 0;
     while (count < names.size()) {
@@ -430,11 +490,11 @@ int ini_list_sections(const char* path, std::span<ini_name> names) {
 int ini_list_keys(const char* path, std::string_view section, std::span<ini_name> names) {
     const mutex_guard lock(&file_lock);
     line_reader in = {};
-    in.file.reset(fopen(path, "re"));
-    if (!in.file) {
-        return INI_NOT_OPENED;
+    int code = open_reader(path, &in);
+    if (code != 0) {
+        return code;
     }
-    int code = find_section(&in, section);
+    code = find_section(&in, section);
     size_t count = 0;
     while (code == 0 && count < names.size()) {
         entry found = {};
@@ -452,10 +512,8 @@ int replace_file(const char* path, std::string_view text) {
 }
 
 int copy_file(const char* from, const char* to) {
-    const unique_fd source(open(from, O_RDONLY | O_CLOEXEC));
-    if (!source) {
-        return INI_NOT_OPENED;
-    }
-    std::string text;
-    return read_text(source.get(), &text) ? replace_file(to, text) : INI_READ_ERROR;
+    const mutex_guard lock(&file_lock);
+    line_reader in = {};
+    const int code = open_reader(from, &in);
+    return code == 0 ? put_in_place(to, in.whole) : code;
 }

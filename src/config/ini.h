@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Settings files: sections, key=value lines, '#' comments, values continued with a final '+'.
 // Lines hold at most 512 characters, and so do values. Nothing is cached: every call opens and
-// scans its file. Any thread; the calls wait for each other.
+// scans its file, a regular one of at most SETTINGS_FILE_LIMIT (base/file.h); that another is not
+// read is an error line. Any thread; the calls wait for each other.
 //
 // Files are rewritten in place. The room for a longer text is reserved first, then the whole text
 // goes out in one write, covering a longer old one with empty lines, then the file is cut and
@@ -18,7 +19,7 @@ constexpr size_t INI_MAX_LINE = 512;
 
 constexpr int INI_NO_SECTION = -1;
 constexpr int INI_NO_KEY = -2;       // end of file or the next section came first
-constexpr int INI_NOT_OPENED = -10;  // the file, or the source of a copy
+constexpr int INI_NOT_OPENED = -10;  // also: no regular file, or more than SETTINGS_FILE_LIMIT
 constexpr int INI_NOT_CREATED = -11;
 constexpr int INI_READ_ERROR = -12;
 constexpr int INI_WRITE_ERROR = -13;
@@ -34,7 +35,12 @@ struct ini_name {
 [[nodiscard]] int ini_get(const char* path, std::string_view section, std::string_view key,
                           char* out, size_t size);
 
-// Whether a line begins with the key, in whatever section and behind whatever broken lines.
+// The same from a text in hand.
+[[nodiscard]] int ini_get_from(std::string_view text, std::string_view section,
+                               std::string_view key, char* out, size_t size);
+
+// Whether a line begins with the key, in whatever section and behind whatever broken lines; true
+// too for a file that is there and cannot be read.
 [[nodiscard]] bool ini_mentions(const char* path, std::string_view key);
 
 // Writes one value: replaces the key's line, or inserts it right after the section's head, or

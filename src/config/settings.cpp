@@ -4,7 +4,10 @@
 #include <climits>
 #include <cstring>
 #include <span>
+#include <string>
+#include <string_view>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/text.h"
 #include "config/ini.h"
@@ -88,14 +91,30 @@ constexpr setting PUSHED_SETTINGS[] = {
     {.key = "checkcycle", .section = "Update", .number = &settings::checkcycle},
 };
 
-// False, with out untouched, when the lookup fails or the value is empty.
-bool read_number(const char* path, const setting& row, int32_t* out) {
-    char value[NUMBER_TEXT] = {};
-    if (ini_get(path, row.section, row.key, value, sizeof value) != 0 || is_empty(value)) {
+// False, with out untouched, when the lookup gave no value.
+bool take_number(int code, const char* value, int32_t* out) {
+    if (code != 0 || is_empty(value)) {
         return false;
     }
     *out = to_int(value);
     return true;
+}
+
+bool read_number(const char* path, const setting& row, int32_t* out) {
+    char value[NUMBER_TEXT] = {};
+    return take_number(ini_get(path, row.section, row.key, value, sizeof value), value, out);
+}
+
+void read_pushed(std::string_view text, const setting& row, settings* config) {
+    if (row.text != nullptr) {
+        const std::span<char> field = row.text(config);
+        // What is absent is kept.
+        (void)ini_get_from(text, row.section, row.key, field.data(), field.size());
+        return;
+    }
+    char value[NUMBER_TEXT] = {};
+    const int code = ini_get_from(text, row.section, row.key, value, sizeof value);
+    (void)take_number(code, value, &(config->*row.number));
 }
 
 // A broken line loses the settings behind it. This one must not be lost: a text that is no file of
@@ -161,15 +180,17 @@ void load_settings(settings* config, const char* own_file, const char* agent_fil
     }
 }
 
-int read_update_config(settings* config, const char* file) {
+int read_update_config(settings* config, const char* file, bool* taken) {
     log_plain(LOG_SYSTEM, LEVEL_TRACE, " - get Update Config from %s", file);
+    // The one that is judged is the one that is read: anybody may put another one in its place.
+    const unique_fd source = open_trusted(file, SETTINGS_FILE_LIMIT);
+    std::string text;
+    *taken = source && read_open_file(source.get(), SETTINGS_FILE_LIMIT, &text) == 0;
+    if (!*taken) {
+        log_unreadable(__func__, __LINE__, file);
+    }
     for (const setting& row : PUSHED_SETTINGS) {
-        if (row.text != nullptr) {
-            const std::span<char> field = row.text(config);
-            (void)ini_get(file, row.section, row.key, field.data(), field.size());  // absent: kept
-        } else {
-            (void)read_number(file, row, &(config->*row.number));
-        }
+        read_pushed(text, row, config);
     }
     return 0;
 }

@@ -76,8 +76,10 @@ extern settings pluginmgr_config;
 void load_settings(settings* config, const char* own_file = SETTINGS_FILE,
                    const char* agent_file = AGENT_SETTINGS_FILE);
 
-// Reads a pushed update file into config, which the caller has zeroed. Always 0. Control thread.
-int read_update_config(settings* config, const char* file = PUSHED_SETTINGS_FILE);
+// Reads a pushed update file into config, which the caller has zeroed. Always 0; taken tells
+// whether it was one that counts: see open_trusted() in base/file.h, at most SETTINGS_FILE_LIMIT.
+// Another one is an error line. Control thread.
+int read_update_config(settings* config, const char* file, bool* taken);
 
 // The run mode, judged by prefix.
 bool mode_is(const char* prefix);

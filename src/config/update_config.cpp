@@ -126,7 +126,11 @@ int handle_update_config() {
         return 0;
     }
     settings pushed = {};
-    (void)read_update_config(&pushed);  // always 0
+    bool taken = false;
+    (void)read_update_config(&pushed, PUSHED_SETTINGS_FILE, &taken);  // always 0
+    if (!taken) {
+        return 0;
+    }
     log_msg(LOG_SERVICE, LEVEL_TRACE, "handle_update_config", 187, "Update Config %s,%s,%s",
             pushed.cloudserver, pushed.api_server, pushed.accounts_server);
     take_run_mode(pushed);

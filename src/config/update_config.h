@@ -3,5 +3,6 @@
 // back and the file removed. Control thread.
 #pragma once
 
-// Always 0; without a file nothing happens.
+// Always 0. Without a file nothing happens, nor with one that others may have written: it is an
+// error line and left alone.
 int handle_update_config();

@@ -13,6 +13,7 @@
 #include "config/ini.h"
 #include "config/settings.h"
 #include "control/query.h"
+#include "log/tb_log.h"
 
 namespace {
 
@@ -58,6 +59,14 @@ const char* member_text(const json_ptr& object, const char* key) {
     return text == nullptr ? "" : text;
 }
 
+json_ptr read_pbx_file(const char* path) {
+    json_ptr file = parse_json_file(path);
+    if (file == nullptr) {
+        log_unreadable(__func__, __LINE__, path);
+    }
+    return file;
+}
+
 // What the state query collects on its way to the reply.
 struct pbx_state {
     const char* registered = "false";  // 80031: an access token is held
@@ -69,7 +78,7 @@ struct pbx_state {
 
 // The account from its file, or else the cached one; false when neither is there.
 bool find_account(pbx_state* state) {
-    const json_ptr file = parse_json_file(PBX_CONFIG_FILE);
+    const json_ptr file = read_pbx_file(PBX_CONFIG_FILE);
     if (file != nullptr) {
         (void)json_text(file.get(), "user", state->user, sizeof state->user);
         (void)json_text(file.get(), "server", state->server, sizeof state->server);
@@ -120,9 +129,12 @@ int check_qr_code(const boa_request& request) {
 void send_qr_code(const boa_request& request) {
     char token[PBX_QR_TOKEN_SIZE] = {};
     const int code = quorvel_active_qr(token);
+    const json_ptr quoted(json_object_new_string(token));
+    constexpr int flags = JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE;
     char body[160] = {};
-    format_text(body, "{\"result\":\"%s\",\"code\":%d,\"active_token\":\"%s\", \"qr_png\":\"%s\"}",
-                result_word(code), code, token, code == 0 ? "qvrkqqr.png" : "");
+    format_text(body, "{\"result\":\"%s\",\"code\":%d,\"active_token\":%s, \"qr_png\":\"%s\"}",
+                result_word(code), code, json_object_to_json_string_ext(quoted.get(), flags),
+                code == 0 ? "qvrkqqr.png" : "");
     send_reply(request, body);
 }
 
@@ -134,7 +146,7 @@ void send_config(const boa_request& request) {
         return;
     }
     const json_ptr reply = new_reply();
-    const json_ptr config = parse_json_file(PBX_CONFIG_FILE);
+    const json_ptr config = read_pbx_file(PBX_CONFIG_FILE);
     if (config != nullptr) {
         json_object_object_add(reply.get(), "config", json_object_get(config.get()));
         cache_account(member_text(config, "user"), member_text(config, "server"));
@@ -142,7 +154,11 @@ void send_config(const boa_request& request) {
     send_json(request, reply);
     if (json_object_is_type(config.get(), json_type_object)) {
         json_object_object_del(config.get(), "password");
-        save_pbx_file(PBX_CONFIG_FILE, config.get());
+        // On a full disk in place, which takes no more room: the password must go.
+        if (save_pbx_file(PBX_CONFIG_FILE, config.get()) != 0) {
+            (void)replace_file(PBX_CONFIG_FILE, json_object_to_json_string_ext(
+                                                    config.get(), JSON_C_TO_STRING_PLAIN));
+        }
     }
 }
 
@@ -158,7 +174,7 @@ void answer_pbx_state(const boa_request& request) {
     }
     const json_ptr reply = new_reply();
     add_json_text(reply.get(), "id80035", pluginmgr_config.quorvel_service);
-    json_ptr status = parse_json_file(PBX_STATUS_FILE);
+    json_ptr status = read_pbx_file(PBX_STATUS_FILE);
     if (state.status == 0 && status != nullptr) {
         take_status(&state, reply, std::move(status));
     } else if (state.status == PBX_TOKEN_REFUSED) {

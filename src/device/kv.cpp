@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/file.h"
 #include "base/result.h"
+#include "log/tb_log.h"
 
 namespace {
 
@@ -55,8 +57,9 @@ int split_kv(char* line, char sep, char** key, char** value) {
 }
 
 int read_kv_file(const char* path, char sep, std::span<kv_entry> table) {
-    const file_ptr file(fopen(path, "re"));
+    const file_ptr file = open_stream(path, TEXT_FILE_LIMIT);
     if (!file) {
+        log_unreadable(__func__, __LINE__, path);
         return FAILED;
     }
     char line[LINE_SIZE] = {};
@@ -74,8 +77,9 @@ int read_kv_file(const char* path, char sep, std::span<kv_entry> table) {
 }
 
 int read_kv_pairs(const char* path, char sep, std::span<kv_entry> table) {
-    const file_ptr file(fopen(path, "re"));
+    const file_ptr file = open_stream(path, TEXT_FILE_LIMIT);
     if (!file) {
+        log_unreadable(__func__, __LINE__, path);
         return FAILED;
     }
     char line[LINE_SIZE] = {};

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/result.h"
 #include "base/shell.h"
@@ -51,8 +52,9 @@ void set_software_revision(std::string_view value) {
 void append_lines(const char* name, char* out, size_t size) {
     char path[PATH_SIZE] = {};
     format_text(path, "%s/%s", VERSIONS_FOLDER, name);
-    const file_ptr file(fopen(path, "re"));
+    const file_ptr file = open_stream(path, TEXT_FILE_LIMIT);
     if (!file) {
+        log_unreadable(__func__, __LINE__, path);
         printf("open file %s fail\n", path);
         return;
     }
@@ -78,7 +80,7 @@ void read_revision() {
 }
 
 int read_uptime(char* out, size_t size) {
-    const file_ptr file(fopen("/proc/uptime", "re"));
+    const file_ptr file = open_stream("/proc/uptime", TEXT_FILE_LIMIT);
     char line[UPTIME_LINE] = {};
     char* since_boot = nullptr;
     char* idle = nullptr;
@@ -111,7 +113,7 @@ int list_versions(char* out, size_t size) {
         return FAILED;
     }
     while (const dirent* entry = readdir(folder.get())) {
-        if (strcmp(entry->d_name, "..") != 0) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
             append_lines(entry->d_name, out, size);
         }
     }

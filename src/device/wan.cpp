@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/shell.h"
 
@@ -30,7 +31,7 @@ bool is_finished(std::string_view line) {
 int get_wan_status() {
     run_shell("/var/run/BRIX_get BRIX_wanStatus > /tmp/wanStatus");
     char line[STATUS_LINE] = {};
-    const file_ptr file(fopen(STATUS_FILE, "re"));
+    const file_ptr file = open_stream(STATUS_FILE, TEXT_FILE_LIMIT);
     const bool up =
         file && fgets(line, sizeof line, file.get()) != nullptr && strchr(line, '1') != nullptr;
     (void)unlink(STATUS_FILE);  // absent when there is no status tool
@@ -38,11 +39,10 @@ int get_wan_status() {
 }
 
 int check_download_rate(const char* path) {
-    const file_ptr target(fopen(path, "re"));
-    if (!target) {
+    if (access(path, R_OK) != 0) {
         return 0;
     }
-    const file_ptr progress(fopen("/tmp/web/dl_rate.html", "re"));
+    const file_ptr progress = open_stream("/tmp/web/dl_rate.html", TEXT_FILE_LIMIT);
     char line[RATE_LINE] = {};
     if (!progress || fgets(line, sizeof line, progress.get()) == nullptr) {
         return NOT_FINISHED;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -39,7 +40,7 @@ struct tail_text {
 
 // Appends the lines in the last `length` bytes of a file (all of a shorter one); the number taken.
 int take_lines(tail_text& out, const char* path, off_t length) {
-    const file_ptr file(fopen(path, "re"));
+    const file_ptr file = open_stream(path, TEXT_FILE_LIMIT);
     if (!file || fseeko(file.get(), 0, SEEK_END) != 0) {
         return 0;
     }

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "log/log_file.h"
 #include "log/log_line.h"
@@ -199,6 +200,13 @@ int log_err(const char* function, int line, const char* format, ...) {
 
 int log_err_v(const char* function, int line, const char* format, va_list args) {
     return write_line(log_records[ERROR_LOG], {.function = function, .line = line}, format, args);
+}
+
+void log_unreadable(const char* function, int line, const char* path) {
+    const int error = errno;
+    if (error != 0 && error != ENOENT) {
+        (void)log_err(function, line, "%s is not read: %s", path, why_unreadable(error));
+    }
 }
 
 int log_trace(const char* function, int line, const char* format, ...) {

@@ -65,6 +65,9 @@ int log_err(const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 int log_err_v(const char* function, int line, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
+// One such line for a file that is there but was not read, by errno as base/file left it; none for
+// a missing one.
+void log_unreadable(const char* function, int line, const char* path);
 // To the debug log, never filtered, without a component's prefix.
 int log_trace(const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

@@ -204,14 +204,28 @@ def test_activation_by_qr_code_in_two_steps(platform, device):
 
 
 def test_odd_answers_to_the_request_for_a_qr_code(platform, attached):
-    """An image counts when it is no JSON, and needs no token; the one of before goes in any case."""
-    done, long = "qvrkqqr.png", {"X-Kzt-Activetoken": "abcdefghijkl"}
-    for answer, reply, image in (
-            (Answer("P1", headers=long), (0, "abcdefghij", done), "P1"), (Answer("P3"), (0, "", done), "P3"),
-            (Answer("P" * 5000), (0, "", done), ""), (Answer("1", headers=long), (REFUSED,), "1"),
-            (HANG_UP, (SENT_NOTHING,), "")):
-        platform.pbx.answer("POST *", answer, times=1)
-        assert attached.query(QR).text == qr_reply(*reply) and read_text(QR_IMAGE) == image, answer
+    """An image counts when it is whole and no JSON, and needs no token; without one the old one stays."""
+    done, good = "qvrkqqr.png", "HTTP/1.1 200 OK\r\n"
+    write_text("/tmp/victim", "kept")
+    os.symlink("/tmp/victim", QR_IMAGE)
+    for head, body, reply in (
+            (good + "X-Kzt-Activetoken: abcdefghijkl\r\n", "P1", (0, "abcdefghij", done)), (good, "P3", (0, "", done)),
+            (good + "X-Kzt-Activetoken: short\r\n", "P4", (0, "short", done)),
+            (good + "x-kzt-activetoken:no-blank\r\n", "P5", (0, "no-blank", done)),
+            (good + "X-Kzt-Activetoken: \r\nServer: x\r\n", "P6", (0, "", done)),
+            (good + 'X-Kzt-Activetoken: a"b\\c/d\r\n', "P7", (0, 'a\\"b\\\\c/d', done)),
+            (good + "Content-Length: 3\r\n", "P8", (SENT_NOTHING,)), (good, "P" * 5000, (SENT_NOTHING,)),
+            (good + "Content-Length: 0\r\n", "", (SENT_NOTHING,)), (good, "1", (REFUSED,)),
+            ("HTTP/1.1 503 Busy\r\n", "<html>", (REFUSED,)), ("HTTP/1.1 199 ?\r\n", "P9", (REFUSED,)), ("", "", (SENT_NOTHING,))):
+        length = f"Content-Length: {len(body)}\r\n" if "Content" not in head else ""
+        raw = f"{head}{length}\r\n{body}" if head else ""
+        platform.pbx.answer("POST *", Answer(raw=raw.encode(), end="close"), times=1)
+        before = read_text(QR_IMAGE)
+        assert attached.query(QR).text == qr_reply(*reply), (head, body)
+        assert read_text(QR_IMAGE) == (body if reply[0] == 0 else before), (head, body)
+    assert read_text("/tmp/victim") == "kept" and os.listdir("/tmp/web") == [os.path.basename(QR_IMAGE)]
+    assert attached.log_lines("no QR code, the answer has status 503")
+    assert attached.log_lines("QR code of 2 bytes, announced are 3")
     shutil.rmtree("/tmp/web")
     assert attached.query(QR).text == qr_reply(SENT_NOTHING)
 
@@ -283,9 +297,16 @@ def test_state_of_the_pbx_account(platform, attached):
     platform.pbx.answer("GET */status", coded(0, sip_status=[1]), times=1)
     assert attached.get(80031) == state("1001", "sip.lan", reachable="false", **status)
     os.unlink(SIP_STATUS)
-    os.mkfifo(SIP_STATUS)  # at which neither the writer nor the reader waits
-    assert attached.get(80031) == state("1001", "sip.lan", reachable="false")
-    os.unlink(SIP_STATUS)
+    for kind in ("pipe", "endless", "link"):  # neither the writer nor the reader goes that way
+        other = {"endless": "/dev/zero", "link": "/tmp/victim"}.get(kind)
+        write_text("/tmp/victim", "kept")
+        (os.symlink(other, SIP_STATUS) if other else os.mkfifo(SIP_STATUS))
+        platform.pbx.answer("GET */status", coded(500), times=1)
+        assert attached.get(80031) == state("1001", "sip.lan", reachable="false")
+        assert bool(attached.log_lines(f"{SIP_STATUS} is not read: it is no regular file")) or kind == "link"
+        assert attached.get(80031) == state("1001", "sip.lan", reachable="false", **status)
+        assert read_text("/tmp/victim") == "kept" and not os.path.islink(SIP_STATUS)
+        os.unlink(SIP_STATUS)
     attached.kill_all()
     os.unlink(SIP_CONFIG)
     attached.start()

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """From power-on to a registered device, one copy only, and a clean end."""
+import fcntl
 import os
 import re
 import signal
@@ -96,6 +97,17 @@ def test_second_copy_refuses(device):
     os.unlink(PID_FILE)
     os.mkdir(PID_FILE)
     assert device.start(ready=False).wait(5) == REFUSED, "nor is there one without its file"
+
+
+def test_a_lock_that_anybody_may_have_prevents_no_start(device):
+    first = device.start()
+    device.kill_all()
+    with open(PID_FILE) as file:
+        fcntl.lockf(file, fcntl.LOCK_SH)
+        second = device.start()
+        assert read_text(PID_FILE) == f"{second.pid}\0" != f"{first.pid}\0"
+        assert os.stat(PID_FILE).st_mode == 0o100644 and not os.path.exists(PID_FILE + ".new")
+        assert device.start(ready=False).wait(5) == REFUSED and device.daemons() == [second.pid]
 
 
 def test_stale_pid_file_does_not_block(device):

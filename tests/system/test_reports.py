@@ -185,6 +185,32 @@ def test_pushed_values_that_do_not_apply(platform, device):
     assert [one.line for one in platform.requests(since=before)] == [READ]
 
 
+def test_pushed_files_that_others_may_have_written(platform, running):
+    """None is taken, waited for or removed, and each is an error line. test_hostile has the start."""
+    settings, other = read_text(INI), "/var/tmp/other"
+    text, lines = "[Config]\nconn_timeout=7\n", 0
+    for why, make in (
+            ("others may have written it", lambda: os.chmod(PUSHED, 0o666)),
+            ("others may have written it", lambda: os.chmod(PUSHED, 0o620)),
+            ("others may have written it", lambda: os.link(PUSHED, other)),
+            ("it is no regular file", lambda: (os.rename(PUSHED, other), os.symlink(other, PUSHED))),
+            ("it is no regular file", lambda: (os.unlink(PUSHED), os.mkfifo(PUSHED))),
+            ("it is no regular file", lambda: (os.unlink(PUSHED), os.symlink("/dev/zero", PUSHED))),
+            ("it is too long", lambda: os.truncate(PUSHED, 2 ** 40)),
+            ("it is too long", lambda: os.truncate(PUSHED, 256 * 1024 + 1))):
+        write_text(PUSHED, text)
+        make()
+        assert running.datagram(NOTICE) == [] == running.replies(NOTHING)
+        lines += 1
+        assert os.path.lexists(PUSHED) and read_text(INI) == settings, why
+        wait_until(lambda: running.errors().count(f"{PUSHED} is not read: ") == lines, what="the error line")
+        assert running.errors().splitlines()[-1].endswith(f"{PUSHED} is not read: {why}")
+        os.unlink(PUSHED)
+        os.path.lexists(other) and os.unlink(other)
+    push(running, text + "#" * (256 * 1024 - len(text)))
+    assert running.setting("conn_timeout") == "7" and not os.path.exists(PUSHED)
+
+
 def test_pushed_token_activates_and_binds_whatever_is_missing(platform, device):
     """Also an unchanged one; not before a registration has succeeded, nor in mode "disable"."""
     device.start_enrolled(platform)

@@ -9,6 +9,7 @@ import pytest
 
 from lab.device import DEBUG_LOG, HOSTS, INI, RESTARTED, VERSION_LIST, read_text, wait_until, write_text
 from lab.package import build
+from lab.platform import coded
 from lab.torture.crash import whole_lines
 
 SET = "method=gw.config.set&"
@@ -83,6 +84,30 @@ def test_full_disk_keeps_settings_and_version_list(platform, enrolled):
         wait_until(lambda: "1.2.0" in read_text(VERSION_LIST), 30, "the version list")
         assert len(os.listdir(os.path.dirname(INI))) == 2
         enrolled.kill_all()
+
+
+def test_full_disk_keeps_the_account(platform, device):
+    """But for its password, which goes all the same; a status that cannot be stored is none."""
+    account, status = "/var/config/cloud/sip.config", "/tmp/quorvelsip.status"
+    config = "method=gw.app.action&quorvel_action=get_kq_config"
+    device.start_enrolled(platform, {"quorvel_service": "on", "quorvel_token": "token-of-the-pbx"})
+    assert device.replies(config)[0]["config"]["password"]
+    before = read_text(account)
+    with small_disk(os.path.dirname(INI), "64k") as turn, small_disk("/tmp", "64k") as turn_status:
+        assert device.get(80031)["id80032"] == "true" and os.path.exists(status)
+        turn()
+        turn_status()
+        assert "password" not in device.replies(config)[0]["config"] and read_text(account) == before
+        assert f"{account} not written: No space left on device" in device.errors()
+        assert device.get(80031)["id80032"] == "false" and not os.path.exists(status)
+        assert f"{status} not written: No space left on device" in device.errors()
+        turn()
+        write_text(account, '{"user":"7","password":"secret"}')
+        platform.pbx.answer("GET */config", coded(0, sip_config=None), times=1)
+        turn()
+        assert device.replies(config)[0]["config"] == {"user": "7", "password": "secret"}
+        assert device.replies("") == [] and '"7"' in read_text(account) and "secret" not in read_text(account)
+        device.kill_all()
 
 
 @pytest.mark.parametrize("rotates", [False, True])

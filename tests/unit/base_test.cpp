@@ -1,14 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <utility>
 
+#include "base/file.h"
+#include "base/handles.h"
 #include "base/json.h"
 #include "base/shell.h"
 #include "base/text.h"
+#include "scratch.h"
 
 TEST(Text, CutsAtTheFieldAndSaysSo) {
     char field[8] = {};
@@ -72,6 +81,117 @@ TEST(Shell, ReportsStatusAndBoundsOutput) {
     char out[4] = {};
     EXPECT_EQ(read_shell("yes", out, sizeof out), 3) << "endless output ends with the buffer";
     EXPECT_STREQ(out, "y\ny");
+}
+
+namespace {
+
+class Files : public scratch {
+  protected:
+    const std::string path = in("file");
+    const std::string other = in("other");
+};
+
+mode_t mode_of(const std::string& path) {
+    struct stat info = {};
+    return lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
+}
+
+size_t names_in(const char* folder) {
+    using iterator = std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(iterator(folder), iterator()));
+}
+
+}  // namespace
+
+TEST_F(Files, AreReadWhenRegularAndNotTooLong) {
+    const std::string pipe = in("pipe");
+    const std::string link = in("link");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+    write_file(path, "12345");
+    const struct {
+        std::string path;
+        size_t limit;
+        int error;
+    } rows[] = {{path, 5, 0},           {link, 5, 0},        {path, 4, EFBIG},
+                {pipe, 5, EINVAL},      {folder, 5, EINVAL}, {"/dev/zero", 5, EINVAL},
+                {in("none"), 5, ENOENT}};
+    for (const auto& row : rows) {
+        std::string text = "kept";
+        errno = 0;
+        EXPECT_EQ(::read_file(row.path.c_str(), row.limit, &text), row.error == 0 ? 0 : -1);
+        EXPECT_EQ(row.error == 0 ? 0 : errno, row.error) << row.path;
+        EXPECT_EQ(text, row.error == 0 ? "12345" : "kept") << row.path;
+    }
+    const unique_fd growing = open_regular(path.c_str(), 5);
+    write_file(path, "123456");
+    std::string text = "kept";
+    EXPECT_EQ(read_open_file(growing.get(), 5, &text), -1) << "longer by now";
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(::read_file("/proc/self/status", TEXT_FILE_LIMIT, &text), 0) << "says length 0";
+    EXPECT_GT(text.size(), 100U);
+}
+
+TEST_F(Files, ArePublishedWholeOrNotAtAll) {
+    const std::string draft = path + ".new";
+    write_file(other, "other's");
+    for (const char* before :
+         {"nothing", "file", "link", "pipe", "draft", "draft's link", "folder"}) {
+        const std::string what = before;
+        std::filesystem::remove_all(path);
+        std::filesystem::remove_all(draft);
+        if (what == "file") {
+            write_file(path, "a longer text of before");
+        } else if (what == "link" || what == "draft's link") {
+            ASSERT_EQ(symlink(other.c_str(), (what == "link" ? path : draft).c_str()), 0);
+        } else if (what == "pipe") {
+            ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        } else if (what == "draft") {
+            ASSERT_EQ(mkdir(draft.c_str(), 0700), 0) << "cannot be unlinked";
+        } else if (what == "folder") {
+            ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+        }
+        const bool good = what != "folder";
+        EXPECT_EQ(publish_file(path.c_str(), "text", 0640), good ? 0 : -1) << what;
+        EXPECT_EQ(mode_of(path), good ? S_IFREG | 0640U : S_IFDIR | 0700U) << what;
+        EXPECT_EQ(good ? read_file(path) : "", good ? "text" : "") << what;
+        EXPECT_EQ(read_file(other), "other's") << what;
+        EXPECT_EQ(names_in(folder), what == "draft" ? 3U : 2U) << what;
+    }
+    std::filesystem::remove_all(path);
+    write_file(path, "old");
+    const rlimit small = {2, RLIM_INFINITY};
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const int result = publish_file(path.c_str(), "text", 0640);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, handler);
+    EXPECT_EQ(result, -1) << "no room for all of it";
+    EXPECT_EQ(read_file(path), "old");
+    EXPECT_EQ(names_in(folder), 2U) << "no draft is left";
+}
+
+TEST_F(Files, AreRemovedWithoutFollowingALink) {
+    ASSERT_EQ(mkdir(other.c_str(), 0700), 0);
+    write_file(other + "/kept", "x");
+    ASSERT_TRUE(std::filesystem::create_directories(path + "/a/b"));
+    write_file(path + "/a/b/c", "x");
+    ASSERT_EQ(symlink(other.c_str(), (path + "/a/link").c_str()), 0);
+    EXPECT_TRUE(remove_whole(path.c_str()));
+    ASSERT_EQ(symlink(other.c_str(), path.c_str()), 0);
+    EXPECT_TRUE(remove_whole(path.c_str()));
+    EXPECT_TRUE(remove_whole(path.c_str())) << "nothing there";
+    EXPECT_EQ(names_in(folder), 1U);
+    EXPECT_EQ(read_file(other + "/kept"), "x");
+    std::string deep = path;
+    for (int i = 0; i < 100; i++) {
+        deep += "/d";
+    }
+    ASSERT_TRUE(std::filesystem::create_directories(deep));
+    EXPECT_TRUE(remove_whole(path.c_str()));
+    EXPECT_EQ(mode_of(path), 0U) << "the name is free, however deep it was";
 }
 
 TEST(Json, TextOfMembers) {

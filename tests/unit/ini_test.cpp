@@ -2,9 +2,11 @@
 #include "config/ini.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <thread>
 
+#include "base/file.h"
 #include "log/tb_log.h"
 #include "scratch.h"
 
@@ -93,9 +95,48 @@ TEST_F(ini_files, small_buffers_and_files_that_cannot_be_read) {
     char value[6] = "-----";
     EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 5), 0);
     EXPECT_EQ(std::string(value, 6), std::string("1234\0\0", 6));
-    EXPECT_EQ(ini_get(folder, "Config", "key", value, sizeof value), INI_READ_ERROR);
-    EXPECT_EQ(ini_set(folder, "Config", "key", "v"), INI_READ_ERROR);
     EXPECT_EQ(ini_set((path + "/x").c_str(), "Config", "key", "v"), INI_NOT_CREATED);
+    const std::string pipe = in("pipe");
+    const std::string endless = in("endless");
+    const std::string long_one = in("long");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(symlink("/dev/zero", endless.c_str()), 0);
+    write_file(long_one, "[Config]\nkey=1\n" + std::string(SETTINGS_FILE_LIMIT - 15, '\n'));
+    EXPECT_EQ(ini_set(long_one.c_str(), "Config", "key", "2"), 0) << "a file up to the limit";
+    EXPECT_EQ(ini_set(long_one.c_str(), "Config", "key", "20"), INI_NOT_CREATED);
+    EXPECT_EQ(read_file(long_one).size(), SETTINGS_FILE_LIMIT);
+    write_file(long_one, std::string(SETTINGS_FILE_LIMIT + 1, '\n'));
+    for (const std::string& other : {std::string(folder), pipe, endless, long_one}) {
+        ini_name names[1] = {};
+        EXPECT_EQ(ini_get(other.c_str(), "Config", "key", value, 5), INI_NOT_OPENED) << other;
+        EXPECT_EQ(ini_list_sections(other.c_str(), names), INI_NOT_OPENED) << other;
+        EXPECT_EQ(copy_file(other.c_str(), path.c_str()), INI_NOT_OPENED) << other;
+        EXPECT_EQ(ini_set(other.c_str(), "Config", "key", "v"),
+                  other == folder ? INI_NOT_CREATED : INI_NOT_OPENED);
+        EXPECT_TRUE(ini_mentions(other.c_str(), "key")) << "for all that is known: " << other;
+    }
+    EXPECT_FALSE(ini_mentions("/nonexistent", "key"));
+}
+
+TEST_F(ini_files, an_unreadable_file_is_one_error_line) {
+    log_init();
+    const auto lines = [this] {
+        testing::internal::CaptureStdout();
+        (void)look_up("Config", "key");
+        (void)look_up("Config", "key");
+        const std::string text = testing::internal::GetCapturedStdout();
+        return text.find(" is not read: it is no regular file\n") != std::string::npos &&
+               text.find(" is not read: ") == text.rfind(" is not read: ");
+    };
+    EXPECT_FALSE(lines()) << "none for a missing one";
+    for (int round = 0; round < 2; round++) {
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        EXPECT_TRUE(lines());
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        write("[Config]\nkey=1\n");
+        EXPECT_EQ(look_up("Config", "key"), "1");
+        ASSERT_EQ(unlink(path.c_str()), 0);
+    }
 }
 
 TEST_F(ini_files, set) {
@@ -190,8 +231,7 @@ TEST_F(ini_files, copy) {
 
     EXPECT_EQ(copy_file("/nonexistent", target.c_str()), INI_NOT_OPENED);
     EXPECT_EQ(copy_file(target.c_str(), folder), INI_NOT_CREATED);
-    EXPECT_EQ(copy_file(folder, target.c_str()), INI_READ_ERROR);
-    EXPECT_EQ(copy_file(target.c_str(), "/dev/full"), INI_WRITE_ERROR);
+    EXPECT_EQ(copy_file(target.c_str(), "/dev/full"), INI_NOT_OPENED);
     EXPECT_EQ(read_file(target), text) << "still what the first copy made of it";
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/settings.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "base/text.h"
 #include "log/tb_log.h"
 #include "scratch.h"
@@ -91,6 +94,43 @@ TEST_F(settings_files, texts_are_cut_at_their_field_and_secrets_are_not_logged) 
     const size_t minimum = log.find(" checkcycle minimum 600 seconds\n");
     ASSERT_NE(minimum, std::string::npos);
     EXPECT_LT(minimum, log.find(" checkcycle=600\n"));
+}
+
+TEST_F(settings_files, pushed_ones_count_only_when_nobody_else_can_have_written_them) {
+    const std::string text = "[Config]\napi_server=evil\n[Update]\ncheckcycle=7\n";
+    const std::string other = in("other");
+    const struct {
+        const char* what;
+        mode_t mode;
+        bool by_link, two_names, of_another, taken;
+    } rows[] = {{"its owner's", 0644, false, false, false, true},
+                {"read-only", 0400, false, false, false, true},
+                {"writable by a group", 0664, false, false, false, false},
+                {"writable by all", 0602, false, false, false, false},
+                {"by a link", 0644, true, false, false, false},
+                {"with a second name", 0644, false, true, false, false},
+                {"somebody else's", 0644, false, false, true, false}};
+    for (const auto& row : rows) {
+        if (row.of_another && geteuid() != 0) {
+            continue;  // nobody else to be had
+        }
+        write_file(own, text);
+        ASSERT_EQ(chmod(own.c_str(), row.mode), 0);
+        ASSERT_EQ(row.by_link ? symlink(own.c_str(), other.c_str()) : 0, 0);
+        ASSERT_EQ(row.two_names ? link(own.c_str(), other.c_str()) : 0, 0);
+        ASSERT_EQ(row.of_another ? chown(own.c_str(), 1, 1) : 0, 0);
+        settings config = {};
+        bool taken = !row.taken;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(read_update_config(&config, (row.by_link ? other : own).c_str(), &taken), 0);
+        log = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(taken, row.taken) << row.what;
+        EXPECT_STREQ(config.api_server, row.taken ? "evil" : "") << row.what;
+        EXPECT_EQ(config.checkcycle, row.taken ? 7 : 0) << row.what;
+        EXPECT_EQ(log.find(" is not read: ") == std::string::npos, row.taken) << row.what;
+        (void)unlink(other.c_str());
+        ASSERT_EQ(unlink(own.c_str()), 0);
+    }
 }
 
 TEST(run_mode, is_judged_by_prefix) {
