@@ -5,7 +5,9 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
+#include "base/name.h"
 #include "base/result.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -36,6 +38,12 @@ constexpr const char* NO_UPDATE =
 
 const char* shown(const char* text) {
     return text == nullptr ? "(null)" : text;
+}
+
+// What follows the program's name are arguments, which come from the daemon itself.
+bool is_runnable(const char* name) {
+    const std::string_view words = name;
+    return is_program_name(words.substr(0, words.find(' ')));
 }
 
 // killall gets the program's arguments too: to it they are more names.
@@ -90,6 +98,11 @@ int do_app_action(const char* name, const char* action) {
     if (is_empty(name) || is_empty(action)) {
         log_err(__func__, __LINE__, "please check  app(%s) or action(%s), exit!", shown(name),
                 shown(action));
+        return FAILED;
+    }
+    if (!is_runnable(name)) {
+        log_err(__func__, __LINE__, "%s is no name of a program, refuse to %s it",
+                one_line(name).c_str(), action);
         return FAILED;
     }
     if (has_prefix(action, "restart") || has_prefix(action, "stop")) {

@@ -7,5 +7,6 @@
 extern char download_url[256];
 
 // name: a program with optional arguments, "cloudae --ums" for one. action: begins with
-// "restart", "stop", "download" or "update". 0, or -1 when an argument is missing or empty.
+// "restart", "stop", "download" or "update". 0, or -1, logged, when an argument is missing or empty
+// or the first word of name is no program's (base/name): nothing is run then.
 int do_app_action(const char* name, const char* action);

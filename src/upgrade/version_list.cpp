@@ -17,6 +17,7 @@
 #include "base/file.h"
 #include "base/handles.h"
 #include "base/json.h"
+#include "base/name.h"
 #include "base/result.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -51,6 +52,12 @@ void load_entry(json_object* element) {
     app_info_ptr entry(new (std::nothrow) app_info);
     if (!entry || parseAppInfoJsonObj(element, entry.get(), 1) != 0) {
         log_err("loadLocalVersion", __LINE__, "parse local app info error");
+        return;
+    }
+    const char* name = text_or(entry->app_name, "");
+    if (name[0] != '\0' && !is_program_name(name)) {  // one without a name is passed over anyway
+        log_err("loadLocalVersion", __LINE__, "%s is no name of a plug-in, leave it out",
+                one_line(name).c_str());
         return;
     }
     append_app(std::move(entry));

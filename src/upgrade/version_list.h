@@ -14,8 +14,9 @@ constexpr const char* VERSION_LIST_FILE = "/var/config/cloud/cloud_plugin_versio
 extern std::atomic<int> cloudae_send_keep;
 extern std::atomic<int> cloudsafety_send_keep;
 
-// Reads the file into app_list. 0, ERR_NOT_JSON, ERR_NOT_ARRAY or ERR_EMPTY_LIST, each logged.
-// Main thread, once.
+// Reads the file into app_list; an entry that is no object, or whose name is no program's
+// (base/name), is left out with an error line. 0, ERR_NOT_JSON, ERR_NOT_ARRAY or ERR_EMPTY_LIST,
+// each logged. Main thread, once.
 int loadLocalVersion();
 
 // Appends an entry with name and version. Main thread.

@@ -113,13 +113,14 @@ TEST(upgrade_answer, status_and_data) {
 
 TEST(package, name_never_leaves_its_folder) {
     char path[PACKAGE_PATH_SIZE] = {};
-    const std::string longest(PACKAGE_PATH_SIZE - 1 - std::string(DOWNLOAD_FOLDER).size(), 'x');
-    for (const std::string& good : {std::string("..a"), std::string("-O x"), longest}) {
+    const std::string longest(255, 'x');
+    for (const std::string& good : {std::string("a b"), std::string("p-1.0_a.tgz"), longest}) {
         EXPECT_TRUE(package_path(good.c_str(), &path)) << good;
         EXPECT_EQ(path, DOWNLOAD_FOLDER + good);
     }
-    for (const std::string& bad : {std::string(""), std::string("."), std::string(".."),
-                                   std::string("a/b"), std::string("/a"), longest + "x"}) {
+    EXPECT_FALSE(package_path(nullptr, &path));
+    for (const std::string& bad : {std::string(""), std::string(".."), std::string("a/b"),
+                                   std::string("-O x"), longest + "x"}) {
         EXPECT_FALSE(package_path(bad.c_str(), &path)) << bad;
         EXPECT_STREQ(path, "");
     }
