@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The local version list: read from and written to
-// /var/config/cloud/cloud_plugin_version.json, completed with the running versions, published in
-// the environment ("cloud_version"), in /var/log/versions/cloud and to the cloud agent. Also the
-// status document for the web pages.
+// /var/config/cloud/cloud_plugin_version.json, completed with the running versions.
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 
 constexpr const char* VERSION_LIST_FILE = "/var/config/cloud/cloud_plugin_version.json";
 
@@ -26,15 +23,6 @@ void addVersionToLocal(const char* name, const char* version);
 // sending. Main thread, after loadLocalVersion.
 void dumpLocalVersion();
 
-// Writes the file, then publishes and sends the versions. Install thread.
+// Writes the file, which stays as it was when that fails, then publishes and sends the versions.
+// Install thread.
 void dumpVersionToFile();
-
-// Publishes the versions; send 1 passes them to the cloud agent as well.
-void send_versions_to_cloudae(int send);
-
-// Sends a text of at most 1004 characters to the cloud agent. 0 or -1, logged.
-int sendToCloudae(const char* text);
-
-// Writes the status document into buffer and returns its length, less than size - 1. Release
-// notes are shortened until it fits. Control thread.
-[[nodiscard]] size_t dumpVersionStatus(char* buffer, size_t size);

@@ -161,6 +161,20 @@ def test_names_in_the_version_list(platform, device):
         assert device.errors().count(f"{name} is no name of a plug-in, leave it out") == 1
 
 
+def test_endless_list_of_plugins(platform, device):
+    """What programs are told of it fits in their environment, or none would start."""
+    names = [f"plugin_{number:05}" for number in range(10_000)]
+    device.reset_enrolled(platform, plugins=[{"app_name": one, "version": "1.0.0"} for one in names],
+                          agents=("cloudae",))
+    device.start()
+    environment = read_text(f"/proc/{device.cloudae.wait_started()['pid']}/environ").split("\0")
+    told = next(one for one in environment if one.startswith("cloud_version=")).partition("=")[2]
+    assert 60_000 < len(told) <= 65_536
+    versions = json.loads(told)
+    assert [one["app_name"] for one in versions] == names[:len(versions)]
+    assert device.errors().count("cloud_version is too long, ") == 1
+
+
 WEB_KEYS = ["id80000=", "id80002=", "id80002=true&id80007=", "id80003=a&id80002=true&id80004=",
             "id80004=a&id80002=true&id80003=", "id80035=", "id80037=", "id80038=", "id80037=a.lan|",
             "id80038=10.0.0.9|10.0.0.9"]
