@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Starting and stopping the programs under /var/run by name, through the shell. Holds no state
-// but the download URL. Any thread; a restart takes two seconds, a stop one.
+// What may be done to a program of the device: device/program ends and starts it, here it is
+// fetched and replaced. Holds no state but the download URL. Any thread; a restart takes two
+// seconds, a stop one.
 #pragma once
 
 // The URL of the "download" action; empty means that wget gets none.
