@@ -22,9 +22,9 @@
 #include "codec/sha1.h"
 #include "config/ini.h"
 #include "config/settings.h"
-#include "control/app_action.h"
 #include "deployment.h"
 #include "device/identity.h"
+#include "device/program.h"
 #include "device/versions.h"
 #include "log/tb_log.h"
 #include "net/http.h"
@@ -314,7 +314,7 @@ int take_device_id(json_object* json) {
     set_text(pluginmgr_config.device_id, device_id);
     const int saved = save_device_id(device_id);
     if (saved == 0 && mode_is("on")) {
-        (void)do_app_action("cloudae", "restart");  // both arguments are there
+        (void)act_on_program("cloudae", "restart");  // whose name is one
     }
     return saved;
 }

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "control/app_action.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <string>
 
 #include "base/result.h"
 #include "base/shell.h"
 #include "base/text.h"
+#include "device/program.h"
 #include "device/wan.h"
 #include "log/tb_log.h"
 
@@ -36,22 +35,6 @@ constexpr const char* NO_UPDATE =
 
 const char* shown(const char* text) {
     return text == nullptr ? "(null)" : text;
-}
-
-// killall gets the program's arguments too: to it they are more names.
-void restart_or_stop(const char* name, const char* action) {
-    const std::string words = shell_words(name);
-    run_shell_format("killall -9 %s ", words.c_str());
-    sleep(1);
-    log_msg(LOG_SYSTEM, LEVEL_NOTICE, "do_app_action", __LINE__, "%s will do action %s", name,
-            action);
-    if (has_prefix(action, "restart")) {
-        run_shell_format("/var/run/%s &", words.c_str());
-        sleep(1);
-    }
-    if (has_prefix(action, "stop")) {
-        run_shell_format("killall -9 %s ", words.c_str());
-    }
 }
 
 void download(const char* name) {
@@ -92,8 +75,8 @@ int do_app_action(const char* name, const char* action) {
                 shown(action));
         return FAILED;
     }
-    if (has_prefix(action, "restart") || has_prefix(action, "stop")) {
-        restart_or_stop(name, action);
+    if (act_on_program(name, action) != 0) {
+        return FAILED;
     }
     if (has_prefix(action, "download")) {
         download(name);

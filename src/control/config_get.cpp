@@ -14,10 +14,10 @@
 #include "config/settings.h"
 #include "control/pbx_state.h"
 #include "control/query.h"
+#include "control/status_document.h"
 #include "control/supervision.h"
 #include "log/tb_log.h"
 #include "upgrade/check_cycle.h"
-#include "upgrade/version_list.h"
 
 namespace {
 

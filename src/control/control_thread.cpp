@@ -14,9 +14,9 @@
 #include <string_view>
 
 #include "base/handles.h"
-#include "config/update_config.h"
 #include "control/agent_messages.h"
 #include "control/boa_protocol.h"
+#include "control/pushed_settings.h"
 #include "control/supervision.h"
 #include "device/ipc.h"
 #include "log/tb_log.h"

@@ -14,7 +14,7 @@
 #include "codec/encode.h"
 #include "config/ini.h"
 #include "config/settings.h"
-#include "control/app_action.h"
+#include "device/program.h"
 #include "device/versions.h"
 #include "log/tb_log.h"
 #include "net/http.h"
@@ -78,7 +78,7 @@ bool is_own_package(const char* name) {
 
 void restart_upgraded(app_info* entry) {
     if (advance_locked(entry, NO_JOB, app_event::restarted)) {
-        (void)do_app_action(entry->app_name.get(), "restart");
+        (void)act_on_program(entry->app_name.get(), "restart");
     }
 }
 
@@ -223,7 +223,7 @@ void start_cloud_server() {
     log_msg(LOG_SYSTEM, LEVEL_NOTICE, "getRemoteAppInfo", __LINE__, "cloudserver start");
     set_text(pluginmgr_config.cloudserver, "on");
     (void)ini_set(SETTINGS_FILE, "Config", "cloudserver", "on");  // in effect all the same
-    (void)do_app_action("cloudae", "restart");
+    (void)act_on_program("cloudae", "restart");
     (void)pluginmgr_api(nullptr, "report_cloudserver");
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/name.h"
 #include "base/text.h"
 #include "log/tb_log.h"
 
@@ -48,15 +49,8 @@ bool has_no_writer(int file) {
 
 bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]) {
     (*out)[0] = '\0';
-    if (is_empty(version_name) || strchr(version_name, '/') != nullptr ||
-        strcmp(version_name, ".") == 0 || strcmp(version_name, "..") == 0) {
-        return false;
-    }
-    if (!format_text(*out, "%s%s", DOWNLOAD_FOLDER, version_name)) {
-        (*out)[0] = '\0';
-        return false;
-    }
-    return true;
+    return version_name != nullptr && is_file_name(version_name) &&
+           format_text(*out, "%s%s", DOWNLOAD_FOLDER, version_name);
 }
 
 bool own_folder(const char* path) {

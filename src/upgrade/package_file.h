@@ -12,8 +12,8 @@ constexpr const char* DOWNLOAD_FOLDER = "/tmp/dl_cloud/";
 constexpr const char* UNPACK_FOLDER = "/tmp/up_cloud";
 constexpr size_t PACKAGE_PATH_SIZE = 512;
 
-// Writes the path of a package into out (PACKAGE_PATH_SIZE bytes). version_name must be a plain
-// file name: false for an empty one, one with a '/', "." and "..", or one too long.
+// Writes the path of a package into out (PACKAGE_PATH_SIZE bytes). False, with out empty, when
+// version_name is missing or no file name (base/name).
 [[nodiscard]] bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]);
 
 // Makes path a folder in which nobody else can write. False, logged, for one of somebody else's.

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "config/settings.h"
-#include "config/update_config.h"
+#include "control/pushed_settings.h"
 #include "world.h"
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "config/settings.h"
+#include "control/status_document.h"
 #include "upgrade/app_info.h"
 #include "world.h"
 

@@ -144,6 +144,19 @@ def test_documented():
     assert {key for key in re.findall(r'"(\w+)\\?":', PROTOCOL) if f'"{key}' not in known} == set()
 
 
+def test_floors():
+    """The page's drawing holds: nobody includes a higher floor, and every folder has one."""
+    floors = PAGES[ROOT / "docs/architecture.md"].split("```")[1].split("---\n")[::-1]
+    level = {name: number for number, floor in enumerate(floors)
+             for name in re.findall(r"^   (\w+)", floor, re.M)}
+    sources = [*ROOT.glob("src/*/*.cpp"), *ROOT.glob("src/*/*.h")]
+    assert set(level) == {path.parent.name for path in sources}
+    upward = [(str(path.relative_to(ROOT)), name) for path in sources
+              for name in re.findall(r'#include "((?:%s)/.*)"' % "|".join(level), path.read_text())
+              if level[name.partition("/")[0]] > level[path.parent.name]]
+    assert not upward
+
+
 def skeleton(text):
     """The first line of a message or format, each value and each word in capitals as one sign."""
     return re.sub("(%[-.*0-9]*(ll|l|z)?[a-z]|[A-Z][A-Z0-9_-]*)+", "%", text.partition("\\n")[0].strip())

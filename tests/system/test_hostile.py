@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """Foreign values that would like to be commands, paths, lines or headers, through every door."""
 import hashlib
+import json
 import os
 import re
 
 import pytest
 
 from lab.deployment import DOWNLOAD_SERVER
-from lab.device import AGENT_INI, ENROLLED, HOSTS, INI, VERSION_LIST, read_text, wait_until, write_text
+from lab.device import (AGENT_INI, ENROLLED, HOSTS, INI, RESTARTED, VERSION_LIST, install, read_text, wait_until,
+                        write_text)
 from lab.package import build, sign
 from lab.platform import DEVICE_ID, Answer, coded
 
@@ -138,6 +140,39 @@ def test_offers(platform, device, field):
     assert set(os.listdir("/tmp")) <= {"dl_cloud", "up_cloud"}
     lines = read_text("/var/log/versions/cloud").splitlines()
     assert {line.partition(":")[0] for line in lines} == {*plugins, "pluginmgr"}, lines
+
+
+def test_names_in_the_version_list(platform, device):
+    """What is no name is left out: it is neither shown nor asked for, upgraded, run or written back."""
+    names = ("../../tmp/evil", "evil now", "-evil", "evil;x")
+    device.reset_enrolled(platform, plugins=dict.fromkeys((*names, "good"), "1.0.0"))
+    for path in ("/tmp/evil", "/var/run/evil"):
+        install(path, f"#!/bin/sh\n{OWNED}\n".encode())
+    for plugin in ("plug", "good"):
+        platform.cloud.offer(build(plugin, "1.1.0"), force=True)
+    offer = {"status": "ok", "data": platform.cloud.offers["plug"].json()}
+    platform.api.answer("GET /v1/res/upgrade/apps/*evil*", Answer(offer))
+    device.shift_time(0, rate=4)
+    device.start(faketime=True)
+    device.wait_status("good", RESTARTED)
+    assert set(device.plugins()) == {"good", "pluginmgr"} and not os.path.exists("/tmp/owned")
+    assert [one["app_name"] for one in json.loads(read_text(VERSION_LIST))] == ["good", "pluginmgr"]
+    for name in names:
+        assert device.errors().count(f"{name} is no name of a plug-in, leave it out") == 1
+
+
+def test_endless_list_of_plugins(platform, device):
+    """What programs are told of it fits in their environment, or none would start."""
+    names = [f"plugin_{number:05}" for number in range(10_000)]
+    device.reset_enrolled(platform, plugins=[{"app_name": one, "version": "1.0.0"} for one in names],
+                          agents=("cloudae",))
+    device.start()
+    environment = read_text(f"/proc/{device.cloudae.wait_started()['pid']}/environ").split("\0")
+    told = next(one for one in environment if one.startswith("cloud_version=")).partition("=")[2]
+    assert 60_000 < len(told) <= 65_536
+    versions = json.loads(told)
+    assert [one["app_name"] for one in versions] == names[:len(versions)]
+    assert device.errors().count("cloud_version is too long, ") == 1
 
 
 WEB_KEYS = ["id80000=", "id80002=", "id80002=true&id80007=", "id80003=a&id80002=true&id80004=",

@@ -15,6 +15,7 @@
 #include "base/file.h"
 #include "base/handles.h"
 #include "base/json.h"
+#include "base/name.h"
 #include "base/shell.h"
 #include "base/text.h"
 #include "scratch.h"
@@ -192,6 +193,42 @@ TEST_F(Files, AreRemovedWithoutFollowingALink) {
     ASSERT_TRUE(std::filesystem::create_directories(deep));
     EXPECT_TRUE(remove_whole(path.c_str()));
     EXPECT_EQ(mode_of(path), 0U) << "the name is free, however deep it was";
+}
+
+TEST(Name, HoldsWhatIsListedOnly) {
+    const std::string longest(PROGRAM_NAME_LIMIT, 'x');
+    const std::string longest_file(FILE_NAME_LIMIT, 'x');
+    const struct {
+        std::string name;
+        bool program, file;
+    } rows[] = {
+        {"cloud_phone", true, true},
+        {"cloud_phone-1.1.0+b7~rc2.tar.gz", true, true},
+        {"_a.@%:,=-", true, true},
+        {"caf\xc3\xa9", true, true},
+        {longest, true, true},
+        {longest + "x", false, true},
+        {longest_file, false, true},
+        {"phone (1) [a]{b} !#^.tgz", false, true},
+        {longest_file + "x", false, false},
+        {"", false, false},
+        {".", false, false},
+        {"..", false, false},
+        {".hidden", false, false},
+        {"-x", false, false},
+        {"~root", false, false},
+        {" x", false, false},
+        {"../../tmp/evil", false, false},
+        {"a/b", false, false},
+        {std::string("a\0b", 3), false, false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(is_program_name(row.name), row.program) << row.name;
+        EXPECT_EQ(is_file_name(row.name), row.file) << row.name;
+    }
+    for (const char sign : std::string("/\\$`'\"*?;&|<>\n\r\t\x01\x1b\x7f")) {
+        EXPECT_FALSE(is_file_name(std::string("a") + sign + "b")) << static_cast<int>(sign);
+    }
 }
 
 TEST(Json, TextOfMembers) {

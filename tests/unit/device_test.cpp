@@ -8,6 +8,7 @@
 #include "device/ipc.h"
 #include "device/kv.h"
 #include "device/process.h"
+#include "device/program.h"
 #include "device/url.h"
 #include "scratch.h"
 
@@ -142,6 +143,14 @@ TEST(process, is_found_by_a_part_of_its_path) {
     EXPECT_NE(std::filesystem::read_symlink(link).string().find(own), std::string::npos);
     EXPECT_EQ(find_process_by_exe("no such program", &pid), -1);
     EXPECT_EQ(find_process_by_exe("", &pid), -1);
+}
+
+// All but the last would end processes, and take two seconds.
+TEST(program, of_another_name_is_not_touched) {
+    for (const char* name : {"../../tmp/evil", "/bin/true", "a/b --ums", ";x", "-x", " x", ""}) {
+        EXPECT_EQ(act_on_program(name, "restart"), -1) << name;
+    }
+    EXPECT_EQ(act_on_program("cloudae --ums=a/b", "look"), 0) << "arguments are the daemon's own";
 }
 
 }  // namespace

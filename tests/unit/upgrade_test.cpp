@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <iterator>
 #include <set>
 #include <string>
@@ -23,6 +24,7 @@
 #include "upgrade/package_file.h"
 #include "upgrade/request.h"
 #include "upgrade/version_list.h"
+#include "upgrade/version_publish.h"
 
 namespace {
 
@@ -113,13 +115,14 @@ TEST(upgrade_answer, status_and_data) {
 
 TEST(package, name_never_leaves_its_folder) {
     char path[PACKAGE_PATH_SIZE] = {};
-    const std::string longest(PACKAGE_PATH_SIZE - 1 - std::string(DOWNLOAD_FOLDER).size(), 'x');
-    for (const std::string& good : {std::string("..a"), std::string("-O x"), longest}) {
+    const std::string longest(255, 'x');
+    for (const std::string& good : {std::string("a b"), std::string("p-1.0_a.tgz"), longest}) {
         EXPECT_TRUE(package_path(good.c_str(), &path)) << good;
         EXPECT_EQ(path, DOWNLOAD_FOLDER + good);
     }
-    for (const std::string& bad : {std::string(""), std::string("."), std::string(".."),
-                                   std::string("a/b"), std::string("/a"), longest + "x"}) {
+    EXPECT_FALSE(package_path(nullptr, &path));
+    for (const std::string& bad : {std::string(""), std::string(".."), std::string("a/b"),
+                                   std::string("-O x"), longest + "x"}) {
         EXPECT_FALSE(package_path(bad.c_str(), &path)) << bad;
         EXPECT_STREQ(path, "");
     }
@@ -166,6 +169,31 @@ TEST(package, and_its_folder_are_taken_only_when_nobody_else_can_change_them) {
     }
     (void)unlink(link.c_str());
     (void)rmdir(folder);
+}
+
+std::string list_of(size_t count) {
+    std::string list = "[";
+    for (size_t i = 0; i < count; i++) {
+        list += i > 0 ? R"(, { "app_name": "plug)" : R"( { "app_name": "plug)";
+        list += std::to_string(i) + R"(", "version": "1.0.0" })";
+    }
+    return list + " ]";
+}
+
+TEST(exported_versions, are_whole_entries_that_fit_and_outlive_the_next_ones) {
+    size_t fitting = 1;
+    while (list_of(fitting + 1).size() <= EXPORT_LIMIT) {
+        fitting++;
+    }
+    const char* before = "";
+    std::string expected;
+    for (const size_t count : {size_t{0}, size_t{2}, fitting, fitting + 1, size_t{10'000}}) {
+        export_versions(parse_json(list_of(count).c_str()).get());
+        EXPECT_EQ(before, expected) << "a reader may be at it";
+        before = getenv("cloud_version");
+        expected = list_of(count < fitting ? count : fitting);
+        EXPECT_EQ(before, expected) << count;
+    }
 }
 
 TEST_F(upgrade_list, what_a_pass_does_with_each_status) {
