@@ -18,7 +18,7 @@ settings pluginmgr_config;
 
 namespace {
 
-constexpr size_t NUMBER_TEXT = 32;
+constexpr size_t NUMBER_TEXT = INI_MAX_LINE + 1;  // what follows the number does not matter
 constexpr size_t HEAP_TEXT = 256;
 constexpr int MIN_CHECKCYCLE = 600;  // seconds; of the start-up file only, a push may go below
 
@@ -105,15 +105,15 @@ bool read_number(const char* path, const setting& row, int32_t* out) {
     return take_number(ini_get(path, row.section, row.key, value, sizeof value), value, out);
 }
 
-void read_pushed(std::string_view text, const setting& row, settings* config) {
+void read_pushed(std::string_view text, const char* path, const setting& row, settings* config) {
     if (row.text != nullptr) {
         const std::span<char> field = row.text(config);
         // What is absent is kept.
-        (void)ini_get_from(text, row.section, row.key, field.data(), field.size());
+        (void)ini_get_from(text, path, row.section, row.key, field.data(), field.size());
         return;
     }
     char value[NUMBER_TEXT] = {};
-    const int code = ini_get_from(text, row.section, row.key, value, sizeof value);
+    const int code = ini_get_from(text, path, row.section, row.key, value, sizeof value);
     (void)take_number(code, value, &(config->*row.number));
 }
 
@@ -190,7 +190,7 @@ int read_update_config(settings* config, const char* file, bool* taken) {
         log_unreadable(__func__, __LINE__, file);
     }
     for (const setting& row : PUSHED_SETTINGS) {
-        read_pushed(text, row, config);
+        read_pushed(text, file, row, config);
     }
     return 0;
 }

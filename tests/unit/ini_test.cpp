@@ -92,9 +92,11 @@ TEST_F(ini_files, lookup) {
 TEST_F(ini_files, small_buffers_and_files_that_cannot_be_read) {
     EXPECT_EQ(look_up("Config", "key"), "-10");
     write("[Config]\nkey=12345678\n");
-    char value[6] = "-----";
-    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 5), 0);
-    EXPECT_EQ(std::string(value, 6), std::string("1234\0\0", 6));
+    char value[10] = "---------";
+    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 8), INI_NO_ROOM);
+    EXPECT_STREQ(value, "---------") << "nothing rather than a part of it";
+    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 9), 0);
+    EXPECT_STREQ(value, "12345678");
     EXPECT_EQ(ini_set((path + "/x").c_str(), "Config", "key", "v"), INI_NOT_CREATED);
     const std::string pipe = in("pipe");
     const std::string endless = in("endless");
@@ -108,7 +110,7 @@ TEST_F(ini_files, small_buffers_and_files_that_cannot_be_read) {
     write_file(long_one, std::string(SETTINGS_FILE_LIMIT + 1, '\n'));
     for (const std::string& other : {std::string(folder), pipe, endless, long_one}) {
         ini_name names[1] = {};
-        EXPECT_EQ(ini_get(other.c_str(), "Config", "key", value, 5), INI_NOT_OPENED) << other;
+        EXPECT_EQ(ini_get(other.c_str(), "Config", "key", value, sizeof value), INI_NOT_OPENED) << other;
         EXPECT_EQ(ini_list_sections(other.c_str(), names), INI_NOT_OPENED) << other;
         EXPECT_EQ(copy_file(other.c_str(), path.c_str()), INI_NOT_OPENED) << other;
         EXPECT_EQ(ini_set(other.c_str(), "Config", "key", "v"),
@@ -160,7 +162,13 @@ TEST_F(ini_files, set) {
         {"with its continuation lines", "[Config]\nkey=1+\n2+\n3\nb=2\n", "v", 0,
          "[Config]\nkey=v\nb=2\n"},
         {"shorter file", "[Config]\nkey=" + long_value.substr(1) + "\n", "", 0, "[Config]\nkey=\n"},
-        {"closing plus sign", one, "v+ ", INI_WRITE_ERROR, one},
+        {"closing plus sign", one, "v+ ", 0, "[Config]\nkey=v++\n\n"},
+        {"nothing but one", "[Config]\nb=1\n", "+", 0, "[Config]\nkey=++\n\nb=1\n"},
+        {"two of them, in a new section", "[A]\na=1\n", "v++", 0,
+         "[A]\na=1\n[Config]\nkey=v+++\n\n"},
+        {"in place of such a value", "[Config]\nkey=1++\n\nb=2+\n\n", "3+", 0,
+         "[Config]\nkey=3++\n\nb=2+\n\n"},
+        {"beside such a value", "[Config]\na=1++\n\nkey=2\n", "3", 0, "[Config]\na=1++\n\nkey=3\n"},
         {"plus sign inside", one, "v+w", 0, "[Config]\nkey=v+w\n"},
         {"broken section", "[Config]\nrubbish\n", "v", INI_MALFORMED, "[Config]\nrubbish\n"},
         {"second line in the value", one, "v\nb=2", INI_WRITE_ERROR, one},
@@ -169,11 +177,18 @@ TEST_F(ini_files, set) {
         {"longest line", one, long_value.substr(1), 0,
          "[Config]\nkey=" + long_value.substr(1) + "\n"},
         {"one more would read as two lines", one, long_value, INI_WRITE_ERROR, one},
+        {"longest that ends in a plus sign", one, long_value.substr(3) + "+", 0,
+         "[Config]\nkey=" + long_value.substr(3) + "++\n\n"},
+        {"one more of these", one, long_value.substr(2) + "+", INI_WRITE_ERROR, one},
     };
     for (const auto& row : rows) {
         write(row.before);
         EXPECT_EQ(ini_set(path.c_str(), "Config", "key", row.value.c_str()), row.code) << row.what;
         EXPECT_EQ(read(), row.after) << row.what;
+        if (row.code == 0) {
+            const std::string kept = row.value.substr(0, row.value.find_last_not_of(' ') + 1);
+            EXPECT_EQ(look_up("Config", "key"), kept) << row.what;
+        }
     }
 }
 
