@@ -24,6 +24,7 @@
 #include "net/dns.h"
 #include "net/http.h"
 #include "upgrade/install.h"
+#include "upgrade/package_file.h"
 #include "upgrade/version_list.h"
 
 namespace {
@@ -68,6 +69,10 @@ void reset_connections() {
 
 void unpack_web_package() {
     (void)generateInstallShell(INSTALL_SCRIPT);  // logs its failure; the shell's follows by itself
+    for (const char* path :
+         {"/tmp/cloud_web.tar", "/tmp/cloud_web.tar.bz2", "/tmp/web", "/tmp/web/index.htm"}) {
+        drop_foreign(path);
+    }
     (void)run_shell(std::string_view(pluginmgr_config.device_model) == "BRIX"
                         ? "/var/run/cloud_install.sh untar_web BRIX 2>/dev/null"
                         : "/var/run/cloud_install.sh untar_web 2>/dev/null");

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/file.h"
 #include "base/handles.h"
 #include "base/result.h"
 #include "base/shell.h"
@@ -33,6 +34,7 @@ constexpr off_t RESULT_PARTIAL = 2;
 constexpr size_t MESSAGE_SIZE = 128 + 1;
 constexpr size_t SIGNATURE_TEXT_SIZE = 100;
 constexpr size_t SOURCE_SIZE = 32;
+constexpr mode_t SCRIPT_MODE = 0755;
 
 bool find_package(const app_info& remote, char (*package)[PACKAGE_PATH_SIZE]) {
     if (!package_path(remote.version_name.get(), package)) {
@@ -132,7 +134,10 @@ void run_install_script(int package, const char* path) {
 }
 
 void read_message(char (&message)[MESSAGE_SIZE]) {
-    const file_ptr file(fopen(MESSAGE_FILE, "re"));
+    const file_ptr file = open_stream(MESSAGE_FILE, TEXT_FILE_LIMIT);
+    if (!file) {
+        log_unreadable(FUNCTION, __LINE__, MESSAGE_FILE);
+    }
     if (file && fgets(message, sizeof message, file.get()) != nullptr) {
         message[strcspn(message, "\n")] = '\0';
     }
@@ -227,14 +232,10 @@ void* upgrade_process(void* entry) {
 }
 
 int generateInstallShell(const char* path) {
-    file_ptr file(fopen(path, "we"));
-    const bool written = file && fprintf(file.get(), "#!/bin/sh\n%s\n", INSTALL_SCRIPT_BODY) > 0 &&
-                         fflush(file.get()) == 0;
-    if (!written) {
+    const std::string script = std::string("#!/bin/sh\n") + INSTALL_SCRIPT_BODY + "\n";
+    if (publish_file(path, script, SCRIPT_MODE) != 0) {
         log_err(__func__, __LINE__, "create file %s error: %s", path, strerror(errno));
         return FAILED;
     }
-    file.reset();  // a script that is still open for writing cannot be run
-    run_shell_format("chmod +x %s", shell_word(path).c_str());
     return 0;
 }

@@ -6,20 +6,42 @@
 // package as descriptor 9, open, verified and without a name by then. Run by hand, the script
 // may find somebody's lock there: an empty file.
 const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
+    # Everybody may write in /tmp. A folder that is ours by now stays so.
+    plain() {
+        for path; do
+            [ ! -L "$path" ] || return 1
+        done
+    }
+    for path in /tmp/cloud_web.tar /tmp/cloud_web.tar.bz2 /tmp/web; do
+        plain "$path" || rm -f "$path"
+    done
+    if [ -e /var/bin/cloud_web.tar.gz ] || [ -e /var/bin/cloud_web.tar.bz2 ]; then
+        mkdir /tmp/web 2>/dev/null
+        if [ ! -O /tmp/web ] || [ -L /tmp/web ]; then
+            exit
+        fi
+        plain /tmp/web/js || rm -f /tmp/web/js
+    fi
     if [ -e /var/bin/cloud_web.tar.gz ]; then
         tar zxf /var/bin/cloud_web.tar.gz -C /tmp 2>/dev/null
     elif [ -e /var/bin/cloud_web.tar.bz2 ]; then
-        cp /var/bin/cloud_web.tar.bz2 /tmp
-        bunzip2 -f /tmp/cloud_web.tar.bz2
-        tar xf /tmp/cloud_web.tar -C /tmp
-        rm -f /tmp/cloud_web.tar
+        bunzip2 -c /var/bin/cloud_web.tar.bz2 | tar xf - -C /tmp
     fi
-    if [ -e /tmp/web/cloud/index.htm ] && [ "$2" != "BRIX" ]; then
+    for path in /tmp/web/index.htm /tmp/web/js/load_r.js; do
+        if plain "${path%/*}" && { [ -L "$path" ] || [ ! -f "$path" ]; }; then
+            rm -f "$path"
+        fi
+    done
+    if [ -e /tmp/web/cloud/index.htm ] && [ "$2" != "BRIX" ] &&
+        plain /tmp/web /tmp/web/cloud /tmp/web/cloud/index.htm; then
         count=$(grep -c 'login_web\.htm' /tmp/web/index.htm 2>/dev/null)
         if [ "${count:-0}" -lt 2 ]; then
+            rm -f /tmp/web/index.htm
             cp /tmp/web/cloud/index.htm /tmp/web/index.htm
             for variant in vt6c kq20 brix9k; do
-                if grep -q "static/web/$variant" /tmp/web/js/load_r.js 2>/dev/null; then
+                if grep -q "static/web/$variant" /tmp/web/js/load_r.js 2>/dev/null &&
+                    plain /tmp/web/js "/tmp/web/cloud/load_r.$variant.js"; then
+                    rm -f /tmp/web/js/load_r.js
                     cp "/tmp/web/cloud/load_r.$variant.js" /tmp/web/js/load_r.js
                     break
                 fi

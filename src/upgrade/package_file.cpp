@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/file.h"
 #include "base/name.h"
 #include "base/text.h"
 #include "log/tb_log.h"
@@ -19,6 +20,32 @@ namespace {
 
 constexpr mode_t FOLDER_MODE = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
 constexpr mode_t WRITABLE_BY_OTHERS = S_IWGRP | S_IWOTH;
+
+constexpr mode_t PRIVATE_MODE = S_IRWXU;
+constexpr int MAX_ATTEMPTS = 5;  // to have a name that somebody else takes again and again
+
+bool is_ours(const struct stat& info) {
+    return info.st_uid == 0 || info.st_uid == geteuid();
+}
+
+// Somebody else's file, folder or link in the way of ours.
+bool is_foreign(const char* path) {
+    struct stat info = {};
+    return lstat(path, &info) == 0 && !is_ours(info);
+}
+
+// One that is there stays, unless it is somebody else's. False with errno.
+bool make_folder(const char* path) {
+    mode_t mode = FOLDER_MODE;
+    for (int i = 0; i < MAX_ATTEMPTS && is_foreign(path); i++) {
+        log_err("own_folder", __LINE__, "%s is somebody else's, make it anew", path);
+        mode = PRIVATE_MODE;
+        if (remove_whole(path) && mkdir(path, mode) == 0) {
+            return true;
+        }
+    }
+    return mkdir(path, mode) == 0 || errno == EEXIST;
+}
 
 bool keep_others_out(const char* path) {
     struct stat info = {};
@@ -55,7 +82,7 @@ bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]) {
 
 bool own_folder(const char* path) {
     const std::string plain(path, std::string_view(path).find_last_not_of('/') + 1);
-    if (mkdir(plain.c_str(), FOLDER_MODE) != 0 && errno != EEXIST) {
+    if (!make_folder(plain.c_str())) {
         log_err(__func__, __LINE__, "folder %s can't be made: %s", path, strerror(errno));
         return false;
     }
@@ -64,6 +91,18 @@ bool own_folder(const char* path) {
         log_err(__func__, __LINE__, "%s is not a folder of ours alone, refuse it", path);
     }
     return ours;
+}
+
+void drop_foreign(const char* path) {
+    struct stat info = {};
+    if (lstat(path, &info) != 0 || (is_ours(info) && !S_ISLNK(info.st_mode))) {
+        return;
+    }
+    log_err(__func__, __LINE__, "%s is %s, remove it", path,
+            S_ISLNK(info.st_mode) ? "a link" : "somebody else's");
+    if (!remove_whole(path)) {
+        log_err(__func__, __LINE__, "%s can't be removed: %s", path, strerror(errno));
+    }
 }
 
 unique_fd take_package(const char* path) {

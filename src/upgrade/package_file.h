@@ -16,9 +16,14 @@ constexpr size_t PACKAGE_PATH_SIZE = 512;
 // version_name is missing or no file name (base/name).
 [[nodiscard]] bool package_path(const char* version_name, char (*out)[PACKAGE_PATH_SIZE]);
 
-// Makes path a folder in which nobody else can write. False, logged, for one of somebody else's.
-// That nobody replaces it later is up to the sticky bit of the folder around it.
+// Makes path a folder in which nobody else can write. What somebody else has there is removed, with
+// a log line, and the folder then private; a link of our own may lead to another folder of ours.
+// False, logged, when that cannot be had. That nobody replaces it later is up to the sticky bit of
+// the folder around it.
 [[nodiscard]] bool own_folder(const char* path);
+
+// Removes, with a log line, what is a link or somebody else's.
+void drop_foreign(const char* path);
 
 // Opens a package and takes its name away, so that no download of the same name can write into it.
 // None, logged, when it is no plain file, is not ours alone to write, or still open for writing.

@@ -4,6 +4,8 @@ import hashlib
 import json
 import os
 import re
+import shutil
+import subprocess
 
 import pytest
 
@@ -174,6 +176,78 @@ def test_endless_list_of_plugins(platform, device):
     versions = json.loads(told)
     assert [one["app_name"] for one in versions] == names[:len(versions)]
     assert device.errors().count("cloud_version is too long, ") == 1
+
+
+def test_links_pipes_and_endless_files_of_others(device):
+    """In /tmp and in the place of what is read at the start: not written through, not waited for."""
+    archive = b"pages of the firmware"
+    os.makedirs("/run/lab/pages/web/cloud", exist_ok=True)
+    os.makedirs("/run/lab/pages/web/js", exist_ok=True)
+    write_text("/run/lab/pages/web/js/load_r.js", "static/web/kq20")
+    write_text("/run/lab/pages/web/cloud/load_r.kq20.js", "of kq20")
+    write_text("/run/lab/pages/web/cloud/index.htm", archive.decode())
+    write_text("/run/lab/pages/web/js/a.js", "script")
+    for kind in ("gz", "bz2", None):
+        device.reset(agents=())
+        victims = {f"/root/{name}": f"kept {name}" for name in ("index", "tar", "bz2", "script", "js/load_r.js")}
+        for path, text in victims.items():
+            write_text(path, text)
+        if kind:
+            subprocess.run(["/bin/tar", "cf", "/run/lab/web.tar", "-C", "/run/lab/pages", "web"], check=True)
+            packed = subprocess.check_output(["/bin/" + {"gz": "gzip", "bz2": "bzip2"}[kind], "-c", "/run/lab/web.tar"])
+            with open(f"/var/bin/cloud_web.tar.{kind}", "wb") as file:
+                file.write(packed)
+        os.makedirs("/tmp/web/cloud")
+        write_text("/tmp/web/cloud/index.htm", archive.decode())
+        os.symlink("/root/index", "/tmp/web/index.htm")
+        os.symlink("/root/js", "/tmp/web/js")
+        os.symlink("/root/tar", "/tmp/cloud_web.tar")
+        os.symlink("/root/bz2", "/tmp/cloud_web.tar.bz2")
+        os.symlink("/root/script", "/var/run/cloud_install.sh")
+        os.mkfifo("/var/tmp/cloud_upgrade.ini")
+        os.unlink("/var/log/version")
+        os.mkfifo("/var/log/version")
+        os.unlink(AGENT_INI) if os.path.exists(AGENT_INI) else None
+        os.mkfifo(AGENT_INI)
+        os.unlink(VERSION_LIST)
+        os.symlink("/dev/zero", VERSION_LIST)
+        device.start()
+        assert {path: read_text(path) for path in victims} == victims and os.listdir("/root/js") == ["load_r.js"]
+        assert os.stat("/var/run/cloud_install.sh", follow_symlinks=False).st_mode == 0o100755
+        assert read_text("/tmp/web/index.htm") == archive.decode() and not os.path.islink("/tmp/web/index.htm")
+        assert not kind or (read_text("/tmp/web/js/load_r.js"), read_text("/tmp/web/js/a.js")) == ("of kq20", "script")
+        assert not os.path.lexists("/tmp/cloud_web.tar") and not os.path.lexists("/tmp/cloud_web.tar.bz2")
+        for path in ("/var/tmp/cloud_upgrade.ini", "/var/log/version", AGENT_INI):
+            assert device.errors().count(f"{path} is not read: it is no regular file") == 1, path
+        assert "parse local version list faild" in device.errors()
+        device.kill_all()
+        shutil.rmtree("/root/js")
+    device.reset(agents=())
+    os.makedirs("/var/lib/pages/cloud")
+    write_text("/var/lib/pages/cloud/index.htm", "page")
+    os.symlink("/var/lib/pages", "/tmp/web")
+    device.start()
+    assert os.listdir("/var/lib/pages") == ["cloud"] and not os.path.lexists("/tmp/web")
+
+
+@pytest.mark.parametrize("kind", ["pipe", "endless", "long"])
+def test_settings_that_cannot_be_read(device, kind):
+    """The defaults hold, with one error line; nothing is written over what is there."""
+    os.unlink(INI)
+    if kind == "pipe":
+        os.mkfifo(INI)
+    elif kind == "endless":
+        os.symlink("/dev/zero", INI)
+    else:
+        write_text(INI, "[Config]\ncloudserver=on\n")
+        os.truncate(INI, 200 << 20)
+    device.start()
+    assert device.errors().count(f"{INI} is not read: ") == 1
+    assert device.set(id80035="off") == {"result": "ok", "code": 0}
+    assert f"quorvel_service not written to {INI}, code -10" in device.errors()
+    with open(f"/proc/{device.pid()}/status") as file:
+        assert int(re.search(r"VmHWM:\s+(\d+) kB", file.read())[1]) < 60_000
+    assert not os.path.isfile(INI) or kind == "long" and os.path.getsize(INI) == 200 << 20
 
 
 WEB_KEYS = ["id80000=", "id80002=", "id80002=true&id80007=", "id80003=a&id80002=true&id80004=",

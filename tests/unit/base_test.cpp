@@ -133,6 +133,20 @@ TEST_F(Files, AreReadWhenRegularAndNotTooLong) {
     EXPECT_GT(text.size(), 100U);
 }
 
+TEST_F(Files, OfJsonSayWhyTheyAreNone) {
+    const std::string_view list = "[1]";
+    const std::pair<std::string, int> rows[] = {
+        {std::string(list) + std::string(JSON_FILE_LIMIT - list.size(), ' '), -1},
+        {std::string(list) + std::string(JSON_FILE_LIMIT + 1 - list.size(), ' '), EFBIG},
+        {"no json", 0}};
+    for (const auto& [text, error] : rows) {
+        write_file(path, text);
+        errno = ENOENT;
+        EXPECT_EQ(parse_json_file(path.c_str()) != nullptr, error == -1);
+        EXPECT_TRUE(error == -1 || errno == error) << errno;
+    }
+}
+
 TEST_F(Files, ArePublishedWholeOrNotAtAll) {
     const std::string draft = path + ".new";
     write_file(other, "other's");

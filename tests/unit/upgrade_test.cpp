@@ -164,8 +164,26 @@ TEST(package, and_its_folder_are_taken_only_when_nobody_else_can_change_them) {
     EXPECT_FALSE(own_folder("/dev/null"));
     EXPECT_FALSE(own_folder((link + "/a/b").c_str()));
     if (geteuid() == 0) {
-        ASSERT_EQ(lchown(link.c_str(), 1, 1), 0);
-        EXPECT_FALSE(own_folder(link.c_str())) << "by somebody else's";
+        const std::string kept = std::string(folder) + "/kept";
+        ASSERT_EQ(mkdir(kept.c_str(), 0755), 0);
+        ASSERT_EQ(mkdir((kept + "/inner").c_str(), 0755), 0);
+        (void)unlink(link.c_str());
+        for (const bool by_link : {true, false}) {
+            if (by_link) {
+                ASSERT_EQ(symlink(kept.c_str(), link.c_str()), 0);
+            } else {
+                ASSERT_EQ(mkdir(link.c_str(), 0777), 0);
+                ASSERT_EQ(symlink(kept.c_str(), (link + "/to_kept").c_str()), 0);
+            }
+            ASSERT_EQ(lchown(link.c_str(), 1, 1), 0);
+            EXPECT_TRUE(own_folder(link.c_str())) << "in the place of somebody else's";
+            EXPECT_EQ(lstat(link.c_str(), &info), 0);
+            EXPECT_EQ(info.st_mode, static_cast<mode_t>(S_IFDIR | 0700));
+            EXPECT_EQ(info.st_uid, 0U);
+            EXPECT_EQ(rmdir(link.c_str()), 0) << "and empty";
+            EXPECT_EQ(access((kept + "/inner").c_str(), F_OK), 0) << "what a link led to stays";
+        }
+        EXPECT_EQ(rmdir((kept + "/inner").c_str()) + rmdir(kept.c_str()), 0);
     }
     (void)unlink(link.c_str());
     (void)rmdir(folder);
