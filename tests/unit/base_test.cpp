@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <string>
 #include <utility>
 
+#include "base/file.h"
+#include "base/handles.h"
 #include "base/json.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -72,6 +77,28 @@ TEST(Shell, ReportsStatusAndBoundsOutput) {
     char out[4] = {};
     EXPECT_EQ(read_shell("yes", out, sizeof out), 3) << "endless output ends with the buffer";
     EXPECT_STREQ(out, "y\ny");
+}
+
+TEST(Shell, JobGetsItsFilesWhereverTheyWere) {
+    ASSERT_EQ(dup2(STDERR_FILENO, STDIN_FILENO), STDIN_FILENO);
+    for (const auto& [lock, package] : {std::pair(8, 9), std::pair(9, 8), std::pair(10, 11),
+                                        std::pair(9, 10), std::pair(11, 8)}) {
+        for (const auto& [number, text] :
+             {std::pair(lock, "lock\n"), std::pair(package, "package\n")}) {
+            const file_ptr file(tmpfile());
+            ASSERT_TRUE(write_whole(fileno(file.get()), text));
+            ASSERT_EQ(dup3(fileno(file.get()), number, O_CLOEXEC), number);
+            ASSERT_EQ(lseek(number, 0, SEEK_SET), 0);
+        }
+        EXPECT_EQ(run_shell_job("read -r a <&8 && read -r b <&9 && test $a$b = lockpackage && "
+                                "! test -e /proc/self/fd/10 && ! test -e /proc/self/fd/11 && test "
+                                "/proc/self/fd/0 -ef /dev/null",
+                                {.lock = lock, .package = package}),
+                  0)
+            << lock << ' ' << package;
+        (void)close(lock);
+        (void)close(package);
+    }
 }
 
 TEST(Json, TextOfMembers) {
