@@ -14,6 +14,7 @@ RESULTS = {"ok": "0123456789", "restart": "22", "fail": "1"}
 LAYOUTS = {"root": "", "folder": "tmpCloudPkg/", "none": "unused/"}
 INSTALL = """#!/bin/sh
 # Written by the lab; runs in the folder that it was unpacked to.
+{commands}
 sleep {slow}
 {moves}
 printf '{result}' > /tmp/up_cloud/up_stat
@@ -36,7 +37,8 @@ def sign(data, version, key=UPGRADE_SIGN_KEY):
     return hmac.new(key, message.encode(), hashlib.sha1).hexdigest()
 
 
-def build(name, version, result="ok", message="", files=None, layout="root", slow=0, padding=0):
+def build(name, version, result="ok", message="", files=None, layout="root", slow=0, padding=0,
+          commands="", cut=None):
     """A signed Package.
 
     result    ok (up_stat of 10 bytes), restart (of 2), fail (of 1) or None (no up_stat)
@@ -44,16 +46,18 @@ def build(name, version, result="ok", message="", files=None, layout="root", slo
     files     {path on the device: bytes, or path of a file to take}; installed mode 0755
     layout    where install.sh lies: root, folder (tmpCloudPkg) or none (missing)
     slow      seconds that install.sh sleeps
-    padding   bytes of noise, to make the package large"""
+    padding   bytes of noise, to make the package large
+    commands  shell lines that install.sh begins with
+    cut       the archive ends after so many bytes, and is signed like that"""
     contents = {path: _bytes(source) for path, source in (files or {}).items()}
-    script = _script(contents, result, message or result or "", slow)
+    script = _script(contents, result, message or result or "", slow, commands)
     members = {os.path.basename(path): data for path, data in contents.items()}
     if layout != "none":
         members["install.sh"] = script
     if padding:
         members["padding"] = os.urandom(padding)
     data = _archive({LAYOUTS[layout] + member: body for member, body in members.items()}
-                    or {"empty": b""})
+                    or {"empty": b""})[:cut]
     return Package(name, version, f"{name}-{version}.tar.gz", data, sign(data, version))
 
 
@@ -64,11 +68,11 @@ def _bytes(source):
         return file.read()
 
 
-def _script(contents, result, message, slow):
+def _script(contents, result, message, slow, commands):
     # A move, not a copy: the old file may be a program that runs.
     moves = "\n".join(f"mv -f {os.path.basename(path)} {path}" for path in contents)
-    script = INSTALL.format(slow=slow, moves=moves, result=RESULTS.get(result, ""),
-                            message=message)
+    script = INSTALL.format(commands=commands, slow=slow, moves=moves,
+                            result=RESULTS.get(result, ""), message=message)
     if result is None:
         script = "\n".join(line for line in script.splitlines() if "up_stat" not in line)
     return script.encode()

@@ -30,9 +30,27 @@ bool is_plain(char c) {
            (c != '\0' && strchr("._-/:@%+,=", c) != nullptr);
 }
 
-// Starts /bin/sh -c command with an empty signal mask; descriptor, when not -1, becomes its
-// descriptor of the number `as`. The child's id, or -1.
-pid_t spawn_shell(const char* command, int descriptor = -1, int as = -1) {
+// A process group of its own is none that may read from the terminal: it would be stopped for good.
+void lead_group(posix_spawnattr_t* attributes, posix_spawn_file_actions_t* actions) {
+    posix_spawnattr_setpgroup(attributes, 0);
+    posix_spawn_file_actions_addopen(actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+}
+
+// By way of a third number: either source may have the other's future one.
+void give_job_files(posix_spawn_file_actions_t* actions, const job_files& files) {
+    int spare = JOB_PACKAGE + 1;
+    while (spare == files.lock || spare == files.package) {
+        spare++;
+    }
+    posix_spawn_file_actions_adddup2(actions, files.lock, spare);
+    posix_spawn_file_actions_adddup2(actions, files.package, JOB_PACKAGE);
+    posix_spawn_file_actions_adddup2(actions, spare, JOB_LOCK);
+    posix_spawn_file_actions_addclose(actions, spare);
+}
+
+// Starts /bin/sh -c command with an empty signal mask; output, when not -1, becomes its standard
+// output, job's files its own, in a process group of its own. The child's id, or -1.
+pid_t spawn_shell(const char* command, int output = -1, const job_files* job = nullptr) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     sigset_t none;
@@ -42,11 +60,17 @@ pid_t spawn_shell(const char* command, int descriptor = -1, int as = -1) {
     sigaddset(&dispositions, SIGPIPE);
     posix_spawnattr_init(&attributes);
     posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes,
+                             static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                                (job != nullptr ? POSIX_SPAWN_SETPGROUP : 0)));
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &dispositions);
-    if (descriptor >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, descriptor, as);
+    if (output >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    }
+    if (job != nullptr) {
+        lead_group(&attributes, &actions);
+        give_job_files(&actions, *job);
     }
     char shell[] = "sh";
     char option[] = "-c";
@@ -59,9 +83,9 @@ pid_t spawn_shell(const char* command, int descriptor = -1, int as = -1) {
 }
 
 // No cancellation point: the lock is always given back.
-pid_t start_shell(const char* command, int descriptor, int as) {
+pid_t start_shell(const char* command, int output = -1, const job_files* job = nullptr) {
     pthread_mutex_lock(&environment_lock);
-    const pid_t child = spawn_shell(command, descriptor, as);
+    const pid_t child = spawn_shell(command, output, job);
     pthread_mutex_unlock(&environment_lock);
     return child;
 }
@@ -80,6 +104,20 @@ void kill_and_reap(void* argument) {
     const pid_t child = *static_cast<pid_t*>(argument);
     kill(child, SIGKILL);
     (void)wait_for(child);
+}
+
+// The group outlives its leader, which is reaped last so that nobody else gets its number.
+void kill_group_and_reap(void* argument) {
+    kill(-*static_cast<pid_t*>(argument), SIGKILL);
+    (void)wait_for(*static_cast<pid_t*>(argument));
+}
+
+int wait_or_end(pid_t child, void (*end)(void*)) {
+    int status = -1;
+    pthread_cleanup_push(end, &child);
+    status = wait_for(child);
+    pthread_cleanup_pop(0);
+    return status;
 }
 
 }  // namespace
@@ -121,16 +159,14 @@ std::string shell_words(std::string_view value) {
     return words;
 }
 
-int run_shell(const char* command, int given) {
-    pid_t child = start_shell(command, given, GIVEN_DESCRIPTOR);
-    if (child < 0) {
-        return -1;
-    }
-    int status = -1;
-    pthread_cleanup_push(kill_and_reap, &child);
-    status = wait_for(child);
-    pthread_cleanup_pop(0);
-    return status;
+int run_shell(const char* command) {
+    const pid_t child = start_shell(command);
+    return child < 0 ? -1 : wait_or_end(child, kill_and_reap);
+}
+
+int run_shell_job(const char* command, const job_files& files) {
+    const pid_t child = start_shell(command, -1, &files);
+    return child < 0 ? -1 : wait_or_end(child, kill_group_and_reap);
 }
 
 int run_shell_format(const char* format, ...) {
@@ -149,7 +185,7 @@ long read_shell(const char* command, char* out, size_t size) {
     }
     unique_fd read_end(ends[0]);
     unique_fd write_end(ends[1]);
-    const pid_t child = start_shell(command, write_end.get(), STDOUT_FILENO);
+    const pid_t child = start_shell(command, write_end.get());
     write_end.reset();
     if (child < 0) {
         return -1;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Programs of the device, run through /bin/sh. The daemon keeps SIGPIPE blocked in its working
 // threads and its descriptors close-on-exec; what is started here gets an empty signal mask and
-// none of the descriptors but the one it is given. Any thread; the only state is the environment,
+// none of the descriptors but those it is given. Any thread; the only state is the environment,
 // under a lock. A thread that is cancelled in run_shell kills and reaps its shell first.
 #pragma once
 
@@ -16,12 +16,21 @@
 // The same for a program name with arguments: each blank-separated word by itself, blanks kept.
 [[nodiscard]] std::string shell_words(std::string_view value);
 
-constexpr int GIVEN_DESCRIPTOR = 9;
-
 // Runs a command and waits for it. Returns its wait status as system() does (exit code in bits 8
-// to 15), or -1 when no shell could be started. An open descriptor that is given becomes the
-// command's descriptor 9.
-int run_shell(const char* command, int given = -1);
+// to 15), or -1 when no shell could be started.
+int run_shell(const char* command);
+
+// Open descriptors of the caller, who keeps them, and their numbers in a job.
+struct job_files {
+    int lock = -1;     // JOB_LOCK: held as long as anything that the job started has it open
+    int package = -1;  // JOB_PACKAGE: what the job works on
+};
+constexpr int JOB_LOCK = 8;
+constexpr int JOB_PACKAGE = 9;
+
+// The same for a command that starts others which must not outlive a cancelled thread: it leads a
+// process group of its own, all of which is killed then, and reads nothing from standard input.
+int run_shell_job(const char* command, const job_files& files);
 
 // The same with a printf format; a command longer than 1023 bytes is not run (result -1), for a
 // cut command is another command. Foreign values in it have passed shell_word.

@@ -22,6 +22,7 @@
 #include "upgrade/app_state.h"
 #include "upgrade/download.h"
 #include "upgrade/install.h"
+#include "upgrade/orphan.h"
 
 std::atomic<int> upgrade_check_flag = 0;
 
@@ -292,6 +293,7 @@ void* upgrade_run(void* stop) {
     }
     log_msg(LOG_SYSTEM, LEVEL_NOTICE, __func__, __LINE__, "upgrade thread start %d", getpid());
     init_https_conn(&connection);
+    adopt_orphan_install();
     upgrade_check_flag = 1;
     time_t mark = time(nullptr);
     while (*stop_word != 1) {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "upgrade/install.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -17,24 +17,28 @@
 #include "config/settings.h"
 #include "log/tb_log.h"
 #include "upgrade/app_state.h"
+#include "upgrade/orphan.h"
 #include "upgrade/package_file.h"
 #include "upgrade/report.h"
 #include "upgrade/signature.h"
-#include "upgrade/version_list.h"
 
 std::atomic<int> upgrade_busy = 0;
 
 namespace {
 
 constexpr const char* FUNCTION = "upgrade_process";
-constexpr const char* RESULT_FILE = "/tmp/up_cloud/up_stat";  // its size is the result
 constexpr const char* MESSAGE_FILE = "/tmp/up_cloud/up_msg";
-constexpr off_t RESULT_SUCCESS = 10;
-constexpr off_t RESULT_PARTIAL = 2;
 constexpr size_t MESSAGE_SIZE = 128 + 1;
 constexpr size_t SIGNATURE_TEXT_SIZE = 100;
 constexpr size_t SOURCE_SIZE = 32;
 constexpr mode_t SCRIPT_MODE = 0755;
+
+// What an install has open; path is the package's name.
+struct install_files {
+    unique_fd package = {};
+    const char* path = nullptr;
+    unique_fd lock = {};
+};
 
 bool find_package(const app_info& remote, char (*package)[PACKAGE_PATH_SIZE]) {
     if (!package_path(remote.version_name.get(), package)) {
@@ -68,14 +72,14 @@ void end_with(const install_job& job, app_event event) {
     (void)advance_locked(job.entry, job.number, event);
 }
 
-void refuse(const install_job& job, const char* package, app_event event, const char* reason) {
-    (void)unlink(package);
+void refuse(const install_job& job, const install_files& files, app_event event,
+            const char* reason) {
+    remove_package(files.package.get(), files.path);
     report_upgrade_result(*job.entry, job.number, reason);
     end_with(job, event);
 }
 
-// package is an open file, path its former name.
-bool verify_package(const install_job& job, const app_info& remote, int package, const char* path) {
+bool verify_package(const install_job& job, const app_info& remote, const install_files& files) {
     char source[SOURCE_SIZE] = {};
     char signature[SIGNATURE_TEXT_SIZE] = {};
     const char* name = job.entry->app_name.get();
@@ -85,52 +89,70 @@ bool verify_package(const install_job& job, const app_info& remote, int package,
     if (is_empty(remote.signature.get())) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "%s version info havn't signature, refuse upgrade.", name);
-        refuse(job, path, app_event::signature_missing, "not found signature");
+        refuse(job, files, app_event::signature_missing, "not found signature");
         return false;
     }
-    format_text(source, "/proc/self/fd/%d", package);
+    format_text(source, "/proc/self/fd/%d", files.package.get());
     if (upgrade_signature(source, remote.version.get(), signature, sizeof signature) != 0 ||
         strcmp(signature, remote.signature.get()) != 0) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__,
                 "%s version signature not match, refuse upgrade.", name);
-        refuse(job, path, app_event::signature_wrong, "signature not match");
+        refuse(job, files, app_event::signature_wrong, "signature not match");
         return false;
     }
     return true;
 }
 
-// A cancelled thread runs no destructors, and the file has no name any more: its room would stay
-// taken.
-void close_package(void* package) {
-    (void)close(*static_cast<int*>(package));
+// A cancelled thread runs no destructors: the package's room would stay taken, the lock held.
+void abandon(void* argument) {
+    auto* files = static_cast<install_files*>(argument);
+    remove_package(files->package.get(), files->path);
+    files->package.reset();
+    end_install(unique_fd(files->lock.release()));
 }
 
-// The only place where the thread can be cancelled: no lock, log line or exchange is under way.
-int run_cancellable(const char* command, int package) {
-    int result = FAILED;
-    (void)lseek(package, 0, SEEK_SET);  // an earlier run has read it
-    pthread_cleanup_push(close_package, &package);
+// Can be cancelled: no lock of the daemon, log line or exchange is under way.
+int run_cancellable(const char* command, const install_files& files) {
+    (void)lseek(files.package.get(), 0, SEEK_SET);  // an earlier run has read it
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     pthread_testcancel();
-    result = run_shell(command, package);
+    const int result =
+        run_shell_job(command, {.lock = files.lock.get(), .package = files.package.get()});
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    pthread_cleanup_pop(0);
     return result;
 }
 
 // The script is told the name and given the open file, which is what it unpacks.
-void run_install_script(int package, const char* path) {
-    std::string command = INSTALL_SCRIPT;
-    command += ' ' + shell_word(path) + " >/dev/null";
-    (void)unlink(RESULT_FILE);  // an earlier install's must not count when the script cannot run
-    int result = run_cancellable(command.c_str(), package);
+void run_install_script(const app_info& entry, const app_info& remote, const install_files& files) {
+    const std::string command =
+        std::string(INSTALL_SCRIPT) + ' ' + shell_word(files.path) + " >/dev/null";
+    record_install(entry, remote);
+    int result = run_cancellable(command.c_str(), files);
     if (result > 0) {
         generateInstallShell(INSTALL_SCRIPT);
         log_err(FUNCTION, __LINE__, "command:%s fail with %d, try again!", command.c_str(), result);
-        result = run_cancellable(command.c_str(), package);
+        record_install(entry, remote);
+        result = run_cancellable(command.c_str(), files);
     }
     log_msg(LOG_SERVICE, LEVEL_DEBUG, FUNCTION, __LINE__, "%d command:%s ,return %d", getpid(),
             command.c_str(), result);
+}
+
+// The only places where the thread can be cancelled are in here: while an earlier script or its own
+// is waited for. False when there is nothing to judge.
+bool run_installer(const app_info& entry, const app_info& remote, install_files* files) {
+    bool may_run = false;
+    pthread_cleanup_push(abandon, files);
+    if (files->package) {
+        files->lock.reset(lock_install().release());
+    }
+    may_run = files->lock && own_folder(UNPACK_FOLDER);
+    if (may_run) {
+        run_install_script(entry, remote, *files);
+    }
+    remove_package(files->package.get(), files->path);  // which the script has done if it could run
+    pthread_cleanup_pop(0);
+    return may_run;
 }
 
 void read_message(char (&message)[MESSAGE_SIZE]) {
@@ -141,17 +163,6 @@ void read_message(char (&message)[MESSAGE_SIZE]) {
     if (file && fgets(message, sizeof message, file.get()) != nullptr) {
         message[strcspn(message, "\n")] = '\0';
     }
-}
-
-void record_new_version(app_info* entry, const app_info& remote) {
-    text_ptr version_name = heap_text(remote.version_name.get());
-    text_ptr version = heap_text(remote.version.get());
-    {
-        const app_list_guard guard;
-        entry->version_name.swap(version_name);
-        entry->version.swap(version);
-    }
-    dumpVersionToFile();
 }
 
 void fail(const install_job& job) {
@@ -167,14 +178,14 @@ void log_result(const app_info& entry, off_t result, const char* message) {
 // The status comes last: from then on the check cycle may replace the offer, restart the program
 // or, after an upgrade of the daemon itself, end the process.
 void judge_result(const install_job& job, const app_info& remote) {
-    struct stat info = {};
-    if (stat(RESULT_FILE, &info) != 0) {
+    const off_t result = install_result();
+    if (result < 0) {
         fail(job);
         return;
     }
-    if (info.st_size == RESULT_SUCCESS) {
+    if (result == RESULT_SUCCESS) {
         report_upgrade_result(*job.entry, job.number, "ok");
-        log_result(*job.entry, info.st_size, "");
+        log_result(*job.entry, result, "");
         record_new_version(job.entry, remote);
         end_with(job, app_event::install_done);
         return;
@@ -182,9 +193,9 @@ void judge_result(const install_job& job, const app_info& remote) {
     char message[MESSAGE_SIZE] = {};
     read_message(message);
     report_upgrade_result(*job.entry, job.number, message);
-    log_result(*job.entry, info.st_size, message);
-    end_with(job, info.st_size == RESULT_PARTIAL ? app_event::install_partial
-                                                 : app_event::install_failed);
+    log_result(*job.entry, result, message);
+    end_with(job,
+             result == RESULT_PARTIAL ? app_event::install_partial : app_event::install_failed);
 }
 
 // True when the install had begun, so that upgrade_busy is this thread's.
@@ -203,16 +214,16 @@ bool install(const install_job& job) {
     if (!begin_install(job)) {
         return false;
     }
-    const unique_fd file = take_package(package);
-    if (!verify_package(job, *remote, file.get(), package)) {
+    install_files files = {.package = take_package(package), .path = package};
+    if (!verify_package(job, *remote, files)) {
         return true;
     }
-    if (own_folder(UNPACK_FOLDER)) {
-        run_install_script(file.get(), package);
+    if (run_installer(*job.entry, *remote, &files)) {
         judge_result(job, *remote);
     } else {
         fail(job);
     }
+    end_install(unique_fd(files.lock.release()));
     return true;
 }
 

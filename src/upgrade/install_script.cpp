@@ -2,9 +2,13 @@
 #include "upgrade/install.h"
 
 // Two jobs: "untar_web [BRIX]" unpacks the web pages that came with the firmware; a path installs
-// that package, whose own install.sh leaves its result in /tmp/up_cloud. The daemon hands over the
-// package as descriptor 9, open, verified and without a name by then. Run by hand, the script
-// may find somebody's lock there: an empty file.
+// that package, whose own install.sh leaves its result in /tmp/up_cloud.
+//
+// The daemon hands over its lock as descriptor 8, by which the script knows that it is not run by
+// hand, and the verified package as descriptor 9, whatever has its name by then. install.sh
+// inherits the lock, so that nobody empties the folder under it, but not the package, whose room a
+// program that it starts would take for good. The second job is in braces: a shell reads them to
+// the end before it begins, and the daemon that starts after this one writes the script anew.
 const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
     # Everybody may write in /tmp. A folder that is ours by now stays so.
     plain() {
@@ -56,27 +60,52 @@ if [ -z "$1" ]; then
     exit
 fi
 
-mkdir -p /tmp/up_cloud/
-cd /tmp/up_cloud/ || exit 1
-rm -rf ./* ./.[!.]* ./..?*
+{
+    by_daemon=
+    if [ /proc/self/fd/8 -ef /var/run/cloud_install.lock ]; then
+        by_daemon=yes
+    fi
 
-if [ -f /proc/self/fd/9 ] && [ -s /proc/self/fd/9 ]; then
-    tar zxf - <&9
-    exec 9<&-
-else
-    tar zxf "$1"
-fi
+    clear_folder() {
+        rm -rf ./* ./.[!.]* ./..?*
+    }
+    unpack() {
+        if [ "$by_daemon" ]; then
+            tar zxf - <&9
+        else
+            tar zxf "$1"
+        fi
+    }
 
-if [ -e install.sh ]; then
-    ./install.sh >/dev/null 2>&1
-elif [ -d tmpCloudPkg ] && [ -e tmpCloudPkg/install.sh ]; then
-    cd tmpCloudPkg || exit 1
-    ./install.sh >/dev/null 2>&1
+    mkdir -p /tmp/up_cloud/
     cd /tmp/up_cloud/ || exit 1
-    rm -rf tmpCloudPkg
-else
-    printf '*' >/tmp/up_cloud/up_stat
-    echo "upcompress $1 fail" >/tmp/up_cloud/up_msg
-fi
+    clear_folder
 
-rm -f "$1")script";
+    whole=yes
+    if ! unpack "$1"; then
+        whole=
+        clear_folder
+    fi
+
+    if [ "$whole" ] && [ -e install.sh ]; then
+        ./install.sh >/dev/null 2>&1 9<&-
+    elif [ "$whole" ] && [ -d tmpCloudPkg ] && [ -e tmpCloudPkg/install.sh ]; then
+        cd tmpCloudPkg || exit 1
+        ./install.sh >/dev/null 2>&1 9<&-
+        cd /tmp/up_cloud/ || exit 1
+        rm -rf tmpCloudPkg
+    else
+        printf '*' >/tmp/up_cloud/up_stat
+        echo "upcompress $1 fail" >/tmp/up_cloud/up_msg
+    fi
+
+    if [ -z "$by_daemon" ]; then
+        rm -f "$1"
+        exit
+    fi
+    if [ "$1" -ef /proc/self/fd/9 ]; then
+        rm -f "$1"
+    fi
+    mv -f /var/run/cloud_install.job /var/run/cloud_install.done
+    exit 0
+})script";

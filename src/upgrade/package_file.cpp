@@ -107,16 +107,26 @@ void drop_foreign(const char* path) {
 
 unique_fd take_package(const char* path) {
     unique_fd package(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    (void)unlink(path);  // one that stays is overwritten by the next download
     struct stat info = {};
     if (!package || fstat(package.get(), &info) != 0) {
         log_err(__func__, __LINE__, "package %s can't be opened: %s", path, strerror(errno));
+        (void)unlink(path);
         return {};
     }
     if (!S_ISREG(info.st_mode) || info.st_uid != geteuid() ||
         (info.st_mode & WRITABLE_BY_OTHERS) != 0 || !has_no_writer(package.get())) {
         log_err(__func__, __LINE__, "package %s may still change, refuse it", path);
+        (void)unlink(path);
         return {};
     }
     return package;
+}
+
+void remove_package(int package, const char* path) {
+    struct stat ours = {};
+    struct stat named = {};
+    if (fstat(package, &ours) == 0 && lstat(path, &named) == 0 && ours.st_dev == named.st_dev &&
+        ours.st_ino == named.st_ino) {
+        (void)unlink(path);  // one that stays is removed by the next download
+    }
 }

@@ -25,6 +25,10 @@ constexpr size_t PACKAGE_PATH_SIZE = 512;
 // Removes, with a log line, what is a link or somebody else's.
 void drop_foreign(const char* path);
 
-// Opens a package and takes its name away, so that no download of the same name can write into it.
-// None, logged, when it is no plain file, is not ours alone to write, or still open for writing.
+// Opens a package, which keeps its name for its installer. A download of the same name makes a new
+// file, so the open one does not change any more. None, logged, the name gone, when it is no plain
+// file, is not ours alone to write, or still open for writing.
 [[nodiscard]] unique_fd take_package(const char* path);
+
+// Removes the name of an open package, unless a newer one has it by now. Nothing for -1.
+void remove_package(int package, const char* path);

@@ -33,7 +33,8 @@ VALUES = {
 HEADERS = {"host", "authorization", "user-agent", "accept", "accept-language", "accept-encoding", "connection",
            "content-type", "content-length", "range", "icy-metadata"}
 WATCHED = ("/etc", "/var/config", "/var/bin", "/var/lib", "/var/run", "/root", "/bin")
-WRITTEN = {INI, AGENT_INI, VERSION_LIST, HOSTS, "/var/config/cloud/sip.config", "/etc/resolv.conf"}
+WRITTEN = {INI, AGENT_INI, VERSION_LIST, HOSTS, "/var/config/cloud/sip.config", "/etc/resolv.conf",
+           "/var/run/cloud_install.lock"}
 
 
 def fingerprints():

@@ -2,9 +2,13 @@
 """From an offer to an installed plug-in, and every way in which that goes wrong."""
 import concurrent.futures
 import contextlib
+import fcntl
+import glob
 import json
 import os
 import random
+import re
+import signal
 import subprocess
 import time
 
@@ -18,7 +22,8 @@ from lab.platform import DEVICE_ID, Answer, basic
 
 NAME, OLD, NEW = "cloud_phone", "1.0.0", "1.1.0"
 DOWNLOADING, PARTIAL, NO_SIGNATURE, BAD_SIGNATURE = 2, 11, 12, 13
-SCRIPT, AUTHORITY = "/var/run/cloud_install.sh", "/etc/ssl/certs/ca-certificates.crt"
+SCRIPT, LOCK = "/var/run/cloud_install.sh", "/var/run/cloud_install.lock"
+AUTHORITY = "/etc/ssl/certs/ca-certificates.crt"
 NOT_UNPACKED = f"upcompress /tmp/dl_cloud/{NAME}-{NEW}.tar.gz fail"
 
 
@@ -64,6 +69,8 @@ ENDINGS = {
     "installer fails": ({"result": "fail", "message": "disk full"}, {}, INSTALL_FAILED, "disk full"),
     "result of size 2": ({"result": "restart", "message": "half"}, {}, PARTIAL, "half"),
     "no result": ({"result": None}, {}, INSTALL_FAILED, "fail"),
+    "a package cut short": ({"padding": 300_000, "cut": 200_000}, {}, INSTALL_FAILED, NOT_UNPACKED),
+    "its message a pipe": ({"commands": "printf 1 >up_stat; mkfifo up_msg; exit"}, {}, INSTALL_FAILED, ""),
     "no installer": ({"layout": "none"}, {}, INSTALL_FAILED, NOT_UNPACKED),
     "no signature": ({}, {"signature": ""}, NO_SIGNATURE, "not found signature"),
     "no signature asked for": ({"check_signature": 0}, {"signature": ""}, RESTARTED, "ok"),
@@ -93,17 +100,39 @@ def test_ending_of_an_upgrade(platform, enrolled, kind):
 
 
 def test_what_was_verified_is_what_is_installed(platform, enrolled):
-    """Another package under its name, as soon as it is verified, is not looked at."""
-    with open("/run/lab/other.tar.gz", "wb") as file:
-        file.write(build(NAME, NEW, result="fail", message="another package").data)
-    package = build(NAME, NEW)
+    """A newer download under its name, as soon as it is verified, is neither looked at nor removed. By
+    hand the name counts, whatever is open as 9."""
+    package, other, by_hand = build(NAME, NEW), "/run/lab/other.tar.gz", "/run/lab/by_hand.tar.gz"
+    for path in (other, by_hand):
+        with open(path, "wb") as file:
+            file.write(build(NAME, NEW, result="fail", message=path).data)
     offer(platform, enrolled, package)
-    write_text(SCRIPT, read_text(SCRIPT).replace("\n", '\ncp /run/lab/other.tar.gz "$1"\n', 1))
+    write_text(SCRIPT, read_text(SCRIPT).replace("\n", f'\nrm -f "$1"\ncp {other} "$1"\n', 1))
     update(enrolled)
     enrolled.wait_status(NAME, RESTARTED)
-    assert not os.path.exists(package_path(package))
-    subprocess.run(["/bin/sh", "-c", f"{SCRIPT} /run/lab/other.tar.gz 9>/tmp/lock"], check=True)
-    assert read_text("/tmp/up_cloud/up_msg").strip() == "another package", "by hand, the name counts"
+    assert os.path.getsize(package_path(package)) == os.path.getsize(other)
+    enrolled.stop()
+    enrolled.start()  # with a script of its own again
+    subprocess.run(["/bin/sh", "-c", f"{SCRIPT} {by_hand} 8>/tmp/lock 9<{other}"], check=True)
+    assert read_text("/tmp/up_cloud/up_msg").strip() == by_hand and not os.path.exists(by_hand)
+
+
+def test_installer_finds_its_package(platform, enrolled):
+    """Under its name; a program that the installer starts keeps neither its room nor the daemon's lock."""
+    package = build(NAME, NEW, commands=f"""
+        cp /tmp/dl_cloud/{NAME}-* /tmp/copy; ls -l /proc/self/fd >/tmp/open; sleep 60 &""")
+    for count in (1, 2):
+        if count == 1:
+            offer_and_update(platform, enrolled, package)
+        else:
+            platform.cloud.offer(build(NAME, "1.2.0"))
+            assert enrolled.get(80025)
+            update(enrolled)
+        enrolled.wait_status(NAME, RESTARTED)
+        assert not os.path.exists(package_path(package))
+    with open("/tmp/copy", "rb") as copy:
+        assert copy.read() == package.data
+    assert "dl_cloud" not in read_text("/tmp/open")
 
 
 @pytest.mark.parametrize("wget", ["busybox", "gnu"])
@@ -197,6 +226,20 @@ def test_full_download_folder(platform, enrolled):
         subprocess.run(["/bin/umount", folder], check=True)
 
 
+def test_full_unpack_folder(platform, enrolled):
+    """What did come out makes room for the reason, and its installer is not run."""
+    os.mkdir("/tmp/up_cloud")
+    subprocess.run(["/bin/mount", "-t", "tmpfs", "-o", "size=64k", "none", "/tmp/up_cloud"], check=True)
+    try:
+        offer_and_update(platform, enrolled, build(NAME, NEW, padding=300_000))
+        enrolled.wait_status(NAME, INSTALL_FAILED)
+        assert platform.cloud.device.upgrades == [report(NOT_UNPACKED)]
+        assert sorted(os.listdir("/tmp/up_cloud")) == ["up_msg", "up_stat"]
+    finally:
+        enrolled.kill_all()
+        subprocess.run(["/bin/umount", "/tmp/up_cloud"], check=True)
+
+
 @pytest.mark.parametrize("redirects, status", [(4, RESTARTED), (5, DOWNLOAD_FAILED)])
 def test_redirects_of_the_internal_client(platform, enrolled, redirects, status):
     package = build(NAME, NEW)
@@ -225,16 +268,79 @@ def test_forced_upgrade_needs_nobody_but_never_repeats_a_version(platform, enrol
 def test_cancelled_install_blocks_later_ones_until_a_restart(platform, enrolled):
     enrolled.write_plugins({NAME: OLD, "cloud_fax": "1.0"})
     platform.cloud.offer(build("cloud_fax", "2.0"))
-    offer_and_update(platform, enrolled, build(NAME, NEW, slow=30))
+    package = build(NAME, NEW, slow=30, commands="sleep 30 &")
+    offer_and_update(platform, enrolled, package)
     enrolled.wait_status(NAME, INSTALLING)
+    wait_until(lambda: len(device_processes()) == 5, what="the installer's two programs")
     assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
     assert enrolled.plugins()[NAME]["status"] == IDLE
+    wait_until(lambda: device_processes() == [enrolled.pid()], 2, "the end of all that the script has started")
+    assert not os.path.exists(package_path(package)) and not glob.glob(SCRIPT[:-2] + "[jd]o*")
     update(enrolled, "cloud_fax")
     enrolled.wait_status("cloud_fax", DOWNLOADED)
     files = f"/proc/{enrolled.pid()}/fd/"
     assert not any("/tmp/" in os.readlink(files + number) for number in os.listdir(files)), "its room is free again"
     with pytest.raises(AssertionError):
         enrolled.wait_status("cloud_fax", RESTARTED, timeout=2)
+
+
+# who is killed with the daemon; when the next one starts; the order of begin and end of the plug-in's
+# installer (which leaves a program running unless it says so) and of another plug-in's
+ORPHANS = {"runs on": ("", 0, {"bef"}), "has ended by then": ("", 4, {"bef"}),
+           "is broken off": ("cloud_install.sh|install.sh|sleep", 0, {"bbef", "bfbe"}),
+           "loses its shell": ("cloud_install.sh", 0, {"bebef", "befbe"})}
+
+
+@pytest.mark.parametrize("kind", ORPHANS)
+def test_installer_that_outlives_its_daemon(platform, enrolled, kind):
+    """It is left alone, what it installs is not installed again, and other installs wait for it, but not for
+    a program that it has started. One that was broken off is repeated."""
+    killed, pause, orders = ORPHANS[kind]
+    last = "1.1.1" if kind == "is broken off" else NEW  # of another file name
+    enrolled.write_plugins({NAME: OLD, "cloud_fax": OLD})
+    left_running = "" if kind == "loses its shell" else "sleep 60 &"
+    first, again = (build(NAME, version, slow=3, padding=1000, commands=f"""
+        {left_running} printf b >>/tmp/order; trap 'test -e padding && printf e >>/tmp/order' EXIT""")
+                    for version in (NEW, last))
+    platform.cloud.offer(first, force=True)
+    start(enrolled)
+    enrolled.wait_status(NAME, INSTALLING)
+    platform.cloud.offer(build("cloud_fax", NEW, commands="printf f >>/tmp/order"), force=True)
+    wait_until(lambda: read_text("/tmp/order"), what="the installer")
+    enrolled.stop(signal.SIGKILL)
+    for pid in device_processes():
+        if killed and re.search(f"/({killed})|^({killed})", read_text(f"/proc/{pid}/cmdline").replace("\0", " ")):
+            os.kill(pid, signal.SIGKILL)
+    platform.cloud.offer(again, force=True)
+    time.sleep(pause)
+    start(enrolled)
+    enrolled.wait_status("cloud_fax", RESTARTED)
+    wait_until(lambda: enrolled.plugins()[NAME]["pluginVersion"] == last, 20, "the new version")
+    assert read_text("/tmp/order") in orders
+    assert {one["app_name"]: one["version_name"] for one in json.loads(read_text(VERSION_LIST))[:2]} == {
+        NAME: again.file_name, "cloud_fax": f"cloud_fax-{NEW}.tar.gz"}
+    assert os.listdir("/tmp/dl_cloud") == [] and not glob.glob(SCRIPT[:-2] + "[jd]o*")
+
+
+def test_installer_that_never_ends_is_given_up(platform, enrolled):
+    """After ten minutes; a stop ends the waiting at once."""
+    with open(LOCK, "w") as held:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        package = build(NAME, NEW)
+        offer_and_update(platform, enrolled, package)
+        enrolled.wait_log("an install has outlived its daemon, wait for it")
+        enrolled.shift_time(0, rate=400)
+        wait_until(lambda: platform.cloud.device.upgrades, what="the report")
+        enrolled.shift_time(0, rate=4)
+        enrolled.wait_status(NAME, INSTALL_FAILED)
+        assert platform.cloud.device.upgrades == [report("fail")] and not os.path.exists(package_path(package))
+        assert "does not end, give up" in enrolled.errors()
+        update_again(enrolled)
+        enrolled.wait_log("outlived its daemon, wait", count=2)
+        threads = len(enrolled.threads())
+        assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
+        wait_until(lambda: len(enrolled.threads()) < threads, 2, "the end of the waiting")
+        assert not os.path.exists(package_path(package))
 
 
 def test_starts_and_stops_hammered(platform, enrolled):

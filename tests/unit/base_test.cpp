@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -242,6 +244,28 @@ TEST(Name, HoldsWhatIsListedOnly) {
     }
     for (const char sign : std::string("/\\$`'\"*?;&|<>\n\r\t\x01\x1b\x7f")) {
         EXPECT_FALSE(is_file_name(std::string("a") + sign + "b")) << static_cast<int>(sign);
+    }
+}
+
+TEST(Shell, JobGetsItsFilesWhereverTheyWere) {
+    ASSERT_EQ(dup2(STDERR_FILENO, STDIN_FILENO), STDIN_FILENO);
+    for (const auto& [lock, package] : {std::pair(8, 9), std::pair(9, 8), std::pair(10, 11),
+                                        std::pair(9, 10), std::pair(11, 8)}) {
+        for (const auto& [number, text] :
+             {std::pair(lock, "lock\n"), std::pair(package, "package\n")}) {
+            const file_ptr file(tmpfile());
+            ASSERT_TRUE(write_whole(fileno(file.get()), text));
+            ASSERT_EQ(dup3(fileno(file.get()), number, O_CLOEXEC), number);
+            ASSERT_EQ(lseek(number, 0, SEEK_SET), 0);
+        }
+        EXPECT_EQ(run_shell_job("read -r a <&8 && read -r b <&9 && test $a$b = lockpackage && "
+                                "! test -e /proc/self/fd/10 && ! test -e /proc/self/fd/11 && test "
+                                "/proc/self/fd/0 -ef /dev/null",
+                                {.lock = lock, .package = package}),
+                  0)
+            << lock << ' ' << package;
+        (void)close(lock);
+        (void)close(package);
     }
 }
 

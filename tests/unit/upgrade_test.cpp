@@ -147,8 +147,15 @@ TEST(package, and_its_folder_are_taken_only_when_nobody_else_can_change_them) {
         ASSERT_EQ(fchmod(other.get(), row.mode), 0);
         ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
         const std::string& path = row.by_link ? link : file;
-        EXPECT_EQ(static_cast<bool>(take_package(path.c_str())), row.good) << &row - rows;
-        EXPECT_NE(access(path.c_str(), F_OK), 0) << "its name is gone";
+        const unique_fd package = take_package(path.c_str());
+        EXPECT_EQ(static_cast<bool>(package), row.good) << &row - rows;
+        EXPECT_EQ(access(path.c_str(), F_OK) == 0, row.good) << "its name stays for its installer";
+        for (const bool newer : {false, true}) {
+            const unique_fd next(open((path + "2").c_str(), O_CREAT | O_CLOEXEC, 0600));
+            ASSERT_TRUE(!newer || rename((path + "2").c_str(), path.c_str()) == 0);
+            remove_package(package.get(), path.c_str());
+            EXPECT_EQ(access(path.c_str(), F_OK) == 0, newer) << "but not for longer";
+        }
         (void)unlink(link.c_str());
         (void)unlink(file.c_str());
     }
