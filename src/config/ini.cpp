@@ -303,16 +303,20 @@ bool has_line_end(std::string_view text) {
     return text.find_first_of(std::string_view(ENDS, sizeof ENDS)) != std::string_view::npos;
 }
 
-// Whether the reader would find the pair again as one line each for head and key, and the value
-// as it is but for blanks around it.
-bool is_storable(std::string_view section, std::string_view key, std::string_view value) {
-    return !has_line_end(section) && !has_line_end(key) && !has_line_end(value) &&
-           !without_trailing(value, " ").ends_with(CONTINUED) &&
-           section.size() + 2 <= INI_MAX_LINE && key.size() + 1 + value.size() <= INI_MAX_LINE;
+// The pair as the reader takes it back. A closing sign of the value would continue its line; so it
+// is doubled, and an empty line ends the value behind it.
+std::string key_line(std::string_view key, std::string_view value) {
+    const std::string_view text = without_trailing(value, " ");
+    const bool doubled = text.ends_with(CONTINUED);
+    const std::string line = std::string(key) + "=" + std::string(doubled ? text : value);
+    return line + (doubled ? "+\n\n" : "\n");
 }
 
-std::string key_line(const char* key, const char* value) {
-    return std::string(key) + "=" + value + "\n";
+// Whether the reader would find the pair again, head and key on a line each, and the value as it is
+// but for blanks around it.
+bool is_storable(std::string_view section, std::string_view key, std::string_view value) {
+    return !has_line_end(section) && !has_line_end(key) && !has_line_end(value) &&
+           section.size() + 2 <= INI_MAX_LINE && key_line(key, value).find('\n') <= INI_MAX_LINE;
 }
 
 int append_pair(const char* path, int looked_up, const position& place, const char* section,

@@ -45,9 +45,9 @@ struct ini_name {
 
 // Writes one value: replaces the key's line, or inserts it right after the section's head, or
 // appends section and key to the file, which is created when missing. A value that would not read
-// back as it is (with a line end, a closing '+', too long for its line) is refused with
-// INI_WRITE_ERROR; only blanks around a value are lost silently. 0 or an INI code; after an error,
-// which is logged, the file is as it was.
+// back as it is (with a line end, too long for its line) is refused with INI_WRITE_ERROR; only blanks
+// around a value are lost silently. 0 or an INI code; after an error, which is logged, the file is
+// as it was.
 int ini_set(const char* path, const char* section, const char* key, const char* value);
 
 // Copies names in file order into names, as many as fit (each cut at 63 characters). Returns how

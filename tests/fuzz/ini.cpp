@@ -59,11 +59,19 @@ std::string trimmed(const std::string& value) {
     return text.substr(std::min(text.find_first_not_of(" \t"), text.size()));
 }
 
+// Room for the sign that is added to one that ends in it.
+bool fits_a_line(std::string_view value) {
+    return value.find_first_of("\n\r\f\032") == std::string_view::npos &&
+           strlen(KEY) + 1 + value.size() + 1 <= INI_MAX_LINE;
+}
+
 void set_and_read_back(const char* value) {
     const std::string before = file_text(SETTINGS_FILE);
     const std::vector<pair> others = look_up_listed();
-    if (ini_set(SETTINGS_FILE, SECTION, KEY, value) != 0) {
+    const int code = ini_set(SETTINGS_FILE, SECTION, KEY, value);
+    if (code != 0) {
         require(file_text(SETTINGS_FILE) == before, "a refused value changes nothing");
+        require(code != INI_WRITE_ERROR || !fits_a_line(value), "what can be stored is");
         return;
     }
     require(look_up(SECTION, KEY) == "0 " + trimmed(value), "a value reads back as itself");

@@ -116,6 +116,16 @@ def test_unknown_device_is_activated_and_asked_about_once_more(platform, running
                 result == 0 and number == 80011), codes
 
 
+def test_key_that_ends_in_a_plus_sign_is_for_good(platform, device):
+    platform.cloud.device.key = "key-of-the-device+"
+    device.reset_enrolled(platform, {"device_key": ""})
+    for _ in range(2):
+        device.start()
+        platform.wait_request(lambda one: "versions" in one.query)
+        device.stop()
+    assert [one.line for one in platform.requests(ACTIVATE)] == [ACTIVATE]
+
+
 def test_authorisation_code(platform, running):
     def shown(code, use, grantee, result='"ok","code":0'):
         return (f'{{"result":{result},"id80002":"false","id80006":"","id80011":"{code}","id80012":"{use}",'

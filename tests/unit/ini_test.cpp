@@ -160,7 +160,14 @@ TEST_F(ini_files, set) {
         {"with its continuation lines", "[Config]\nkey=1+\n2+\n3\nb=2\n", "v", 0,
          "[Config]\nkey=v\nb=2\n"},
         {"shorter file", "[Config]\nkey=" + long_value.substr(1) + "\n", "", 0, "[Config]\nkey=\n"},
-        {"closing plus sign", one, "v+ ", INI_WRITE_ERROR, one},
+        {"closing plus sign", one, "v+ ", 0, "[Config]\nkey=v++\n\n"},
+        {"nothing but one", "[Config]\nb=1\n", "+", 0, "[Config]\nkey=++\n\nb=1\n"},
+        {"two of them, in a new section", "[A]\na=1\n", "v++", 0,
+         "[A]\na=1\n[Config]\nkey=v+++\n\n"},
+        {"in place of such a value", "[Config]\nkey=1++\n\nb=2+\n\n", "3+", 0,
+         "[Config]\nkey=3++\n\nb=2+\n\n"},
+        {"beside such a value", "[Config]\na=1++\n\nkey=2\n", "3", 0,
+         "[Config]\na=1++\n\nkey=3\n"},
         {"plus sign inside", one, "v+w", 0, "[Config]\nkey=v+w\n"},
         {"broken section", "[Config]\nrubbish\n", "v", INI_MALFORMED, "[Config]\nrubbish\n"},
         {"second line in the value", one, "v\nb=2", INI_WRITE_ERROR, one},
@@ -169,11 +176,18 @@ TEST_F(ini_files, set) {
         {"longest line", one, long_value.substr(1), 0,
          "[Config]\nkey=" + long_value.substr(1) + "\n"},
         {"one more would read as two lines", one, long_value, INI_WRITE_ERROR, one},
+        {"longest that ends in a plus sign", one, long_value.substr(3) + "+", 0,
+         "[Config]\nkey=" + long_value.substr(3) + "++\n\n"},
+        {"one more of these", one, long_value.substr(2) + "+", INI_WRITE_ERROR, one},
     };
     for (const auto& row : rows) {
         write(row.before);
         EXPECT_EQ(ini_set(path.c_str(), "Config", "key", row.value.c_str()), row.code) << row.what;
         EXPECT_EQ(read(), row.after) << row.what;
+        if (row.code == 0) {
+            const std::string kept = row.value.substr(0, row.value.find_last_not_of(' ') + 1);
+            EXPECT_EQ(look_up("Config", "key"), kept) << row.what;
+        }
     }
 }
 
