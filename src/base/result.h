@@ -24,6 +24,7 @@ constexpr int ERR_PBX_REFUSED = 32;    // the PBX service refused an activation
 constexpr int ERR_PBX_OFF = 33;        // the PBX service is switched off
 constexpr int ERR_UNKNOWN_EVENT = 91;  // no such event or action, or its input is missing
 constexpr int ERR_NO_CODE = 92;        // an answer without a usable "code"
+constexpr int ERR_TOO_LONG = 93;       // a value is longer than its field; nothing was changed
 
 // Upgrade manager, see upgrade/
 constexpr int ERR_UPGRADE_PENDING = 41;    // another upgrade has been requested already

@@ -5,6 +5,23 @@
 #include <climits>
 #include <cstdio>
 
+namespace {
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// Blanks and a sign before a number.
+size_t size_of_sign(std::string_view text) {
+    size_t at = 0;
+    while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r'))) {
+        at++;
+    }
+    return at < text.size() && (text[at] == '-' || text[at] == '+') ? at + 1 : at;
+}
+
+}  // namespace
+
 bool copy_text(char* out, size_t size, std::string_view value) {
     if (size == 0) {
         return value.empty();
@@ -73,17 +90,15 @@ std::string one_line(std::string_view text) {
     return line;
 }
 
+bool begins_with_number(std::string_view text) {
+    return size_of_sign(text) < text.size() && is_digit(text[size_of_sign(text)]);
+}
+
 int to_int(std::string_view text) {
-    size_t at = 0;
-    while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r'))) {
-        at++;
-    }
-    bool negative = false;
-    if (at < text.size() && (text[at] == '-' || text[at] == '+')) {
-        negative = text[at++] == '-';
-    }
+    size_t at = size_of_sign(text);
+    const bool negative = at > 0 && text[at - 1] == '-';
     long long value = 0;
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; at++) {
+    for (; at < text.size() && is_digit(text[at]); at++) {
         value = std::min<long long>(value * 10 + (text[at] - '0'), INT_MAX + 1LL);
     }
     value = negative ? -value : value;

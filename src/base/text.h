@@ -59,3 +59,5 @@ std::string one_line(std::string_view text);
 // What atoi() gives for the leading decimal number of text (blanks and a sign allowed), without
 // its undefined overflow: values outside an int are held at its limits. 0 when there is none.
 int to_int(std::string_view text);
+// Whether there is such a number.
+bool begins_with_number(std::string_view text);

@@ -18,12 +18,13 @@ char account_password[ACCOUNT_TEXT_SIZE] = {};
 
 namespace {
 
-constexpr size_t LOGIN_REQUEST_SIZE = 1024;
+constexpr size_t LOGIN_REQUEST_SIZE = 2048;  // holds any host, escaped
 
 // Line ends are mixed, and the one behind the body is not counted; the server takes it so. User
 // name and password are not escaped.
 void build_request(const char* host, char (&out)[LOGIN_REQUEST_SIZE]) {
     constexpr std::string_view client = PLUGINMGR_OAUTH_CLIENT;
+    static_assert((client.size() + 2) / 3 * 4 <= CREDENTIAL_SIZE);
     char credential[CREDENTIAL_SIZE + 1] = {};
     base64_encode(client.data(), client.size(), credential, CREDENTIAL_SIZE);
     char body[128] = {};

@@ -33,13 +33,7 @@ std::atomic<int> activation_state = 0;
 
 namespace {
 
-constexpr size_t PATH_SIZE = 256;
-constexpr size_t REQUEST_TEXT_SIZE = 1024;
 constexpr size_t VERSION_LIST_SIZE = 4096;
-// The version list is sent whole: each of its characters may become three.
-constexpr size_t LONG_PATH_SIZE = 3 * VERSION_LIST_SIZE + PATH_SIZE;
-constexpr size_t LONG_REQUEST_SIZE = LONG_PATH_SIZE + REQUEST_TEXT_SIZE;
-
 constexpr size_t SIGNED_QUERY_SIZE = 160;
 constexpr int SIGN_DEVICE = 1;
 constexpr int SIGN_UNUSED = 2;
@@ -95,7 +89,6 @@ struct event {
     bool stores_values = false;  // in the settings file, under the same keys
     new_id takes_id = new_id::never;
     bool sends_report = false;
-    bool long_path = false;
     bool asks_api = true;  // false: prepare does it all
 };
 
@@ -206,8 +199,7 @@ constexpr event events[] = {
      .path = "/v1/devices/%s?versions=%s",
      .args = {arg::device_id, arg::input},
      .auth = "KEY",
-     .prepare = prepare_versions,
-     .long_path = true},
+     .prepare = prepare_versions},
     {.name = "report_cloudserver",
      .method = "PUT",
      .path = "/v1/devices/%s"
@@ -286,19 +278,21 @@ const char* argument_text(arg which, const event_call& call) {
     return "";
 }
 
-// A path that does not fit, its control characters escaped, is cut at its end, and sent.
-void build_path(std::span<char> out, const event& what, const event_call& call) {
+// Control characters of a foreign text are escaped: they would end the line.
+std::string build_path(const event& what, const event_call& call) {
+    std::string path;
     std::string_view rest = what.path;
     for (const arg which : what.args) {
         const size_t gap = rest.find("%s");
         if (gap == std::string_view::npos) {
             break;
         }
-        append_text(out.data(), out.size(), rest.substr(0, gap));
-        append_text(out.data(), out.size(), one_line(argument_text(which, call)));
+        path += rest.substr(0, gap);
+        path += one_line(argument_text(which, call));
         rest.remove_prefix(gap + 2);
     }
-    append_text(out.data(), out.size(), rest);
+    path += rest;
+    return path;
 }
 
 // An id that cannot be kept in flash makes the event fail, although it is in effect: on purpose.
@@ -339,10 +333,6 @@ int take_answer(json_object* json, const event& what, const event_call& call) {
 }
 
 int perform(https_conn* conn, const event& what, const event_call& call) {
-    char path[LONG_PATH_SIZE] = {};
-    char request[LONG_REQUEST_SIZE] = {};
-    const size_t path_size = what.long_path ? sizeof path : PATH_SIZE;
-    const size_t request_size = what.long_path ? sizeof request : REQUEST_TEXT_SIZE;
     const client_lock lock;
     text_ptr report;  // sent once, whatever the result
     if (what.sends_report) {
@@ -351,12 +341,11 @@ int perform(https_conn* conn, const event& what, const event_call& call) {
             return 0;
         }
     }
-    build_path({path, path_size}, what, call);
-    // A request that does not fit is sent without its end.
-    (void)construct_request(request, request_size, what.method, path, report.get(), what.auth);
+    const std::string request =
+        construct_request(what.method, build_path(what, call).c_str(), report.get(), what.auth);
     json_ptr json;
     const int exchanged =
-        new_https_request_2(conn, pluginmgr_config.api_server, request, nullptr, &json);
+        new_https_request_2(conn, pluginmgr_config.api_server, request.c_str(), nullptr, &json);
     if (exchanged != 0) {
         return exchanged;
     }

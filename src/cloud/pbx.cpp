@@ -34,7 +34,7 @@
 namespace {
 
 constexpr size_t SIGN_TEXT_SIZE = 256;
-constexpr size_t PBX_REQUEST_SIZE = 2048;  // holds any code whole, escaped as JSON
+constexpr size_t PBX_REQUEST_SIZE = 4096;  // holds any code whole, escaped as JSON
 constexpr mode_t FILE_MODE = 0644;
 constexpr std::string_view TOKEN_HEADER = "X-Kzt-Activetoken";
 constexpr std::string_view LENGTH_HEADER = "Content-Length";

@@ -62,11 +62,12 @@ struct settings {
     char active_state[64] = {};  // "true" when activated
 
     // Learnt from the platform while running, kept in memory only.
-    char user_id[64] = {};
-    char device_authcode[64] = {};
-    char grantee_id[64] = {};
-    char uptime[64] = {};        // non-empty once this boot has been reported
-    char login_token[256] = {};  // of the accounts login
+    char user_id[256] = {};
+    char device_authcode[256] = {};
+    char grantee_id[256] = {};
+    char uptime[64] = {};  // non-empty once this boot has been reported
+    // Of the accounts login: with a colon, all that a credential of 512 Base64 characters carries.
+    char login_token[384] = {};
 };
 
 extern settings pluginmgr_config;

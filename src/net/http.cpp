@@ -28,9 +28,11 @@ constexpr int ANSWER_SECONDS = 10;
 constexpr size_t MIN_TOKEN = 2;
 constexpr size_t MIN_CREDENTIAL = 2;  // shorter ones are not sent
 constexpr size_t CODE_SIZE = 16;
+constexpr size_t NUMBER_SIZE = 24;  // any 64-bit number in decimal
 constexpr std::string_view HEADER_END = "\r\n\r\n";
 
 // The ways of authorisation, told apart by the beginning of their names.
+static_assert(sizeof settings::login_token / 3 * 4 == CREDENTIAL_SIZE);  // its last byte: a colon
 struct credential_kind {
     const char* name;
     const char* secret;
@@ -58,23 +60,6 @@ void encode_credential(const char* auth, char* out) {
         base64_encode(plain, strlen(plain), out, CREDENTIAL_SIZE);
         return;
     }
-}
-
-// The text of a request while it is written; whole turns false when a piece did not fit.
-struct request_text {
-    char* out;
-    size_t size;
-    bool whole = true;
-
-    void add(const char* format, ...) __attribute__((format(printf, 2, 3)));
-};
-
-void request_text::add(const char* format, ...) {
-    const size_t used = strlen(out);
-    va_list args;
-    va_start(args, format);
-    whole = format_into_v(out + used, size - used, format, args) && whole;
-    va_end(args);
 }
 
 // Where a body begins: behind the header, or at the start of an answer that has none.
@@ -187,6 +172,15 @@ json_object* first_device(json_object* json) {
     return device;
 }
 
+// The value of an answer, also of the first of its devices, borrowed; null when it is not there.
+json_object* find_value(json_object* json, const char* key) {
+    if (!json_object_is_type(json, json_type_object)) {
+        return nullptr;
+    }
+    json_object* value = json_member(json, key);
+    return value != nullptr ? value : json_member(first_device(json), key);
+}
+
 }  // namespace
 
 void check_api_connection() {
@@ -196,34 +190,29 @@ void check_api_connection() {
     }
 }
 
-int construct_request(char* out, size_t size, const char* method, const char* path,
-                      const char* body, const char* auth) {
-    request_text text = {.out = out, .size = size};
-    copy_text(out, size, "");
-    text.add("%s %s HTTP/1.1\n", method, one_line(path).c_str());
-    text.add("Host: %s\n", one_line(text_of(pluginmgr_config.api_server)).c_str());
+std::string construct_request(const char* method, const char* path, const char* body,
+                              const char* auth) {
+    std::string text = std::string(method) + " " + one_line(path) + " HTTP/1.1\n";
+    text += "Host: " + one_line(text_of(pluginmgr_config.api_server)) + "\n";
     char credential[2 * CREDENTIAL_SIZE] = {};
     encode_credential(auth, credential);
     if (strlen(credential) >= MIN_CREDENTIAL) {
-        text.add("Authorization: Basic %s\n", credential);
+        text += std::string("Authorization: Basic ") + credential + "\n";
     }
-    text.add("User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n");
+    text += "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n";
     if (has_prefix(method, "GET")) {
-        text.add("Accept: */*\n");
-        text.add("Accept-Language: zh-cn\n");
-        text.add("Accept-Encoding: gzip, deflate\n");
+        text += "Accept: */*\nAccept-Language: zh-cn\nAccept-Encoding: gzip, deflate\n";
     } else {
-        text.add("Content-Type:application/x-www-form-urlencoded\n");
+        text += "Content-Type:application/x-www-form-urlencoded\n";
     }
-    text.add("Connection: keep-alive\r\n");
+    text += "Connection: keep-alive\r\n";
     if (body != nullptr) {
-        text.add("Content-Length: %zu\r\n", strlen(body));
+        char length[NUMBER_SIZE] = {};
+        format_text(length, "%zu", strlen(body));
+        text += std::string("Content-Length: ") + length + "\r\n";
     }
-    text.add("\r\n");
-    if (body != nullptr) {
-        text.add("%s", body);
-    }
-    return text.whole ? 0 : FAILED;
+    text += "\r\n";
+    return body == nullptr ? text : text + body;
 }
 
 int https_handle_request_save_header(https_conn* conn, const char* request, const char* body_file,
@@ -279,20 +268,29 @@ int https_request(const char* url, const char* request, const char* body_file, j
 }
 
 int get_param_from_json_resp(json_object* json, const char* key, char* out, size_t size) {
-    if (json == nullptr || !json_object_is_type(json, json_type_object)) {
+    const char* text = json_object_get_string(find_value(json, key));
+    if (text == nullptr) {
         return FAILED;
     }
-    json_object* holder = json_member(json, key) != nullptr ? json : first_device(json);
-    return json_text(holder, key, out, size) ? 0 : FAILED;
+    const size_t length = strlen(text);
+    if (length >= size) {
+        log_err(__func__, __LINE__, "%s in an answer has %zu characters, at most %zu, not taken",
+                key, length, size - 1);
+        return FAILED;
+    }
+    copy_text(out, size, text);
+    return 0;
 }
 
 int get_response_code_from_json_resp(json_object* json) {
     char code[CODE_SIZE] = {};
-    if (get_param_from_json_resp(json, "code", code, sizeof code) != 0 || is_empty(code)) {
+    const char* text = json_object_get_string(find_value(json, "code"));
+    set_text(code, text == nullptr ? "" : text);  // what follows its number is not looked at
+    if (is_empty(code)) {
         return ERR_NO_CODE;
     }
     const char* message = json_object_get_string(json_member(json, "message"));
     log_msg(LOG_API, LEVEL_PROGRESS, __func__, __LINE__, "response code:%s, message:%s", code,
             message == nullptr ? "" : message);
-    return to_int(code);
+    return begins_with_number(code) ? to_int(code) : ERR_NO_CODE;
 }

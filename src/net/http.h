@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 #include "base/json.h"
 #include "base/lock.h"
@@ -27,12 +28,11 @@ struct client_lock {
 // the connection. Control thread, when idle.
 void check_api_connection();
 
-// Writes a request into out (size bytes). auth begins with "KEY" (device key), "TOKEN"
+// The text of a request, whole whatever its length. auth begins with "KEY" (device key), "TOKEN"
 // (activation token) or "pass_TOKEN" (login token); anything else sends no credential. body may be
-// null. Control characters of the path are sent escaped. 0, or -1 when the request does not fit
-// and was cut.
-int construct_request(char* out, size_t size, const char* method, const char* path,
-                      const char* body, const char* auth);
+// null. Control characters of the path are sent escaped.
+[[nodiscard]] std::string construct_request(const char* method, const char* path, const char* body,
+                                            const char* auth);
 
 // One exchange on an open connection. body_file, json and header are optional: a path for the
 // answer's body, the parsed body (null when it is not JSON or too long), ANSWER_HEADER_SIZE bytes
@@ -52,9 +52,9 @@ int construct_request(char* out, size_t size, const char* method, const char* pa
 [[nodiscard]] int https_request(const char* url, const char* request, const char* body_file,
                                 json_ptr* json);
 
-// Copies a value of an answer, also of the first of its "devices", as text into out (cut at
-// size - 1). 0, or -1 when it is not there.
+// Copies a value of an answer, also of the first of its "devices", as text into out (size
+// bytes). 0, or -1 with out untouched when it is not there, or does not fit, which is logged.
 [[nodiscard]] int get_param_from_json_resp(json_object* json, const char* key, char* out,
                                            size_t size);
-// The answer's "code", or ERR_NO_CODE.
+// The answer's "code", a number or a text that begins with one; ERR_NO_CODE for any other.
 [[nodiscard]] int get_response_code_from_json_resp(json_object* json);

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -148,11 +149,13 @@ int upload(https_conn* conn, const char* host, const char* path, const char* fil
         return FAILED;
     }
     char chunk[CHUNK_SIZE] = {};
-    // A last chunk of a single byte is not sent; kept so.
-    for (size_t count = 0; (count = fread(chunk, 1, sizeof chunk, stream.get())) > 1;) {
-        if (send_https_buf(conn, chunk, count) != 0) {
+    for (long long left = size; left > 0;) {  // what was announced, however the file changes
+        const auto wanted = std::min<size_t>(sizeof chunk, static_cast<size_t>(left));
+        const size_t count = fread(chunk, 1, wanted, stream.get());
+        if (count == 0 || send_https_buf(conn, chunk, count) != 0) {
             return FAILED;
         }
+        left -= static_cast<long long>(count);
     }
     // Closing with something unread, a session ticket for one, would reset the connection and
     // take what is still on its way with it. The peer is given a moment to close first.

@@ -36,6 +36,7 @@ constexpr number_words CODES[] = {
     {ERR_NO_MEMORY, "not enough free memory for the package (its size and 4 MiB)"},
     {ERR_UNKNOWN_EVENT, "no such action, or its input is missing"},
     {ERR_NO_CODE, "the cloud's answer has no usable \"code\""},
+    {ERR_TOO_LONG, "a value is too long; nothing was changed"},
     {ERR_NOT_JSON, "the answer is not JSON"},
     {ERR_NOT_ARRAY, "the version list is not an array"},
     {ERR_EMPTY_LIST, "the version list is empty"},
