@@ -419,6 +419,11 @@ int ini_get(const char* path, std::string_view section, std::string_view key, ch
     std::string value;
     position place = {};
     const int code = look_up(path, section, key, &value, &place);
+    if (code == 0 && value.size() >= size) {
+        log_err(__func__, __LINE__, "%s in %s has %zu characters, at most %zu, not taken",
+                std::string(key).c_str(), path, value.size(), size - 1);
+        return INI_NO_ROOM;
+    }
     if (code == 0) {
         copy_text(out, size, value);
     }

@@ -25,13 +25,15 @@ constexpr int INI_READ_ERROR = -12;
 constexpr int INI_WRITE_ERROR = -13;
 constexpr int INI_MALFORMED = -14;  // a broken section head or key line
 constexpr int INI_TOO_LONG = -22;   // a continued value of more than 512 characters
+constexpr int INI_NO_ROOM = -23;    // a value longer than its field
 
 struct ini_name {
     char text[64];
 };
 
-// Copies a value into out (size bytes, cut there). A key without a value gives 0 and an empty
-// text. On an error out is left as it was. 0 or an INI code.
+// Copies a value into out (size bytes). A key without a value gives 0 and an empty text. A value
+// that does not fit is an error, which is logged, and never a part of it. On an error out is left
+// as it was. 0 or an INI code.
 [[nodiscard]] int ini_get(const char* path, std::string_view section, std::string_view key,
                           char* out, size_t size);
 
@@ -45,9 +47,9 @@ struct ini_name {
 
 // Writes one value: replaces the key's line, or inserts it right after the section's head, or
 // appends section and key to the file, which is created when missing. A value that would not read
-// back as it is (with a line end, too long for its line) is refused with INI_WRITE_ERROR; only blanks
-// around a value are lost silently. 0 or an INI code; after an error, which is logged, the file is
-// as it was.
+// back as it is (with a line end, too long for its line) is refused with INI_WRITE_ERROR; only
+// blanks around a value are lost silently. 0 or an INI code; after an error, which is logged, the
+// file is as it was.
 int ini_set(const char* path, const char* section, const char* key, const char* value);
 
 // Copies names in file order into names, as many as fit (each cut at 63 characters). Returns how

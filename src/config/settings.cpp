@@ -18,7 +18,7 @@ settings pluginmgr_config;
 
 namespace {
 
-constexpr size_t NUMBER_TEXT = 32;
+constexpr size_t NUMBER_TEXT = INI_MAX_LINE + 1;  // what follows the number does not matter
 constexpr size_t HEAP_TEXT = 256;
 constexpr int MIN_CHECKCYCLE = 600;  // seconds; of the start-up file only, a push may go below
 

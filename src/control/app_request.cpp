@@ -37,9 +37,9 @@ void handle_plugin(const boa_request& request, int* code) {
         return;
     }
     char name[128] = {};
-    set_text(name, *value);
+    const bool whole = set_text(name, *value);  // a part of it may be another's
     const std::string_view action = query_value(request.query(), "pluginAction=").value_or("");
-    *code = act_on_plugin(name, action);
+    *code = whole ? act_on_plugin(name, action) : ERR_TOO_LONG;
     send_result(request, *code);
 }
 

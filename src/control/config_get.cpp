@@ -16,6 +16,7 @@
 #include "control/query.h"
 #include "control/status_document.h"
 #include "control/supervision.h"
+#include "device/hosts.h"
 #include "log/tb_log.h"
 #include "upgrade/check_cycle.h"
 
@@ -86,7 +87,7 @@ int read_device_record() {
 
 void answer_binding(const boa_request& request) {
     const int code = read_device_record();
-    char body[256] = {};
+    char body[512] = {};
     format_text(body, "{\"result\":\"%s\",\"code\":%d,\"id80002\":\"%s\",\"id80006\":\"%s\"}",
                 result_word(code), code, pluginmgr_config.bind_status, pluginmgr_config.user_id);
     send_reply(request, body);
@@ -98,7 +99,7 @@ void answer_authcode(const boa_request& request) {
         code = pluginmgr_api(nullptr, "get_authcode");
     }
     const char* use = is_empty(pluginmgr_config.grantee_id) ? "unused" : "inuse";
-    char body[512] = {};
+    char body[1024] = {};
     format_text(body,
                 "{\"result\":\"%s\",\"code\":%d,\"id80002\":\"%s\",\"id80006\":\"%s\","
                 "\"id80011\":\"%s\",\"id80012\":\"%s\",\"id80013\":\"%s\"}",
@@ -108,12 +109,12 @@ void answer_authcode(const boa_request& request) {
 }
 
 void answer_user_server(const boa_request& request, const char* id, const char* key) {
-    char value[128] = {};
+    char value[SERVER_PIN_SIZE] = {};
     if (ini_get(SETTINGS_FILE, "Config", key, value, sizeof value) != 0 || is_empty(value)) {
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, "handle_config_get", __LINE__,
                 "Get %s(%s) failed or no parameter in config file", key, id);
     }
-    char body[256] = {};
+    char body[SERVER_PIN_SIZE + 64] = {};
     format_text(body, "{\"result\":\"%s\",\"code\":%d,\"%s\":\"%s\"}", "ok", 0, id, value);
     send_reply(request, body);
 }

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <optional>
+#include <span>
 #include <string_view>
 
+#include "base/result.h"
 #include "base/shell.h"
 #include "base/text.h"
 #include "cloud/accounts.h"
@@ -20,14 +22,14 @@
 namespace {
 
 constexpr const char* FUNCTION = "handle_config_set";
-constexpr size_t USER_SERVER_SIZE = 128;  // of a value read back; a query holds no longer one
 
 // What the steps of one request leave to each other.
 struct change {
     const boa_request& request;
     bool needs_restart = false;
     bool account_login = false;
-    int code = -1;  // of the last cloud event
+    bool cannot_bind = false;  // what to bind with was too long
+    int code = -1;             // of the last cloud event
 };
 
 std::optional<std::string_view> value_of(const change& now, std::string_view key) {
@@ -47,6 +49,17 @@ std::optional<std::string_view> logged_value(const change& now, std::string_view
                 length_of(key), key.data(), length_of(*value), value->data(), length_of(*value));
     }
     return value;
+}
+
+// Copies a value into its field. One that does not fit is logged and changes nothing.
+bool take(std::span<char> field, std::string_view key, std::string_view value) {
+    if (value.size() >= field.size()) {
+        log_err(FUNCTION, __LINE__, "%.*s has %d characters, at most %zu, not taken",
+                length_of(key) - 1, key.data(), length_of(value), field.size() - 1);
+        return false;
+    }
+    copy_text(field.data(), field.size(), value);
+    return true;
 }
 
 void store(const char* key, const char* value) {
@@ -109,8 +122,8 @@ void set_ums_token(change& now) {
     if (!mode_is("ums")) {
         return;
     }
-    if (const auto value = logged_value(now, "id80007=", "ums ")) {
-        set_text(pluginmgr_config.ums_active_token, *value);
+    const auto value = logged_value(now, "id80007=", "ums ");
+    if (value && take(pluginmgr_config.ums_active_token, "id80007=", *value)) {
         store("ums_active_token", pluginmgr_config.ums_active_token);
     }
 }
@@ -121,7 +134,10 @@ void set_ums_server(change& now) {
     if (!value) {
         return;
     }
-    set_text(pluginmgr_config.UMS_SERVER, *value);
+    if (!take(pluginmgr_config.UMS_SERVER, "id80014=", *value)) {
+        send_result(now.request, ERR_TOO_LONG);
+        return;
+    }
     ini_set(AGENT_SETTINGS_FILE, "Config", "UMS_SERVER", pluginmgr_config.UMS_SERVER);
     const bool was_ums = mode_is("ums");
     if (value->empty()) {
@@ -147,13 +163,13 @@ void restart_if_needed(const change& now) {
 
 void set_account_user(change& now) {
     if (const auto value = logged_value(now, "id80003=")) {
-        set_text(account_user, *value);
+        now.cannot_bind = !take(account_user, "id80003=", *value);
     }
 }
 
 void set_account_password(change& now) {
     if (const auto value = logged_value(now, "id80004=")) {
-        set_text(account_password, *value);
+        now.cannot_bind = !take(account_password, "id80004=", *value) || now.cannot_bind;
         now.account_login = true;
     }
 }
@@ -163,7 +179,7 @@ void set_active_token(change& now) {
         return;
     }
     if (const auto value = logged_value(now, "id80007=")) {
-        set_text(pluginmgr_config.active_token, *value);
+        now.cannot_bind = !take(pluginmgr_config.active_token, "id80007=", *value);
         now.account_login = false;
     }
 }
@@ -181,6 +197,14 @@ int login_and_bind() {
     return code != 0 ? code : pluginmgr_api(nullptr, "bind_token");
 }
 
+// What is there from before would bind to another account.
+int bind(const change& now) {
+    if (now.cannot_bind) {
+        return ERR_TOO_LONG;
+    }
+    return now.account_login ? login_and_bind() : bind_by_token();
+}
+
 int unbind() {
     const int code = pluginmgr_api(nullptr, "key_unbind");
     if (code == 0) {
@@ -196,7 +220,7 @@ void set_binding(change& now) {
         return;
     }
     if (value->starts_with("true")) {
-        now.code = now.account_login ? login_and_bind() : bind_by_token();
+        now.code = bind(now);
     } else if (value->starts_with("false")) {
         now.code = unbind();
     }
@@ -204,11 +228,16 @@ void set_binding(change& now) {
 }
 
 void set_pbx_service(change& now) {
-    if (const auto value = logged_value(now, "id80035=")) {
-        set_text(pluginmgr_config.quorvel_service, *value);
-        store("quorvel_service", pluginmgr_config.quorvel_service);
-        send_result(now.request, 0);
+    const auto value = logged_value(now, "id80035=");
+    if (!value) {
+        return;
     }
+    if (!take(pluginmgr_config.quorvel_service, "id80035=", *value)) {
+        send_result(now.request, ERR_TOO_LONG);
+        return;
+    }
+    store("quorvel_service", pluginmgr_config.quorvel_service);
+    send_result(now.request, 0);
 }
 
 // A server that the user pins to an address: "host|address" in the settings, a line in
@@ -263,8 +292,12 @@ void set_user_server(change& now, const user_server& which) {
     if (!value) {
         return;
     }
-    char new_value[REQUEST_SIZE] = {};
-    char old_value[USER_SERVER_SIZE] = {};
+    if (!split_server_pin(*value).fits) {
+        send_result(now.request, ERR_TOO_LONG);
+        return;
+    }
+    char new_value[SERVER_PIN_SIZE] = {};
+    char old_value[SERVER_PIN_SIZE] = {};
     set_text(new_value, *value);
     // A value that is not there counts as empty.
     (void)ini_get(SETTINGS_FILE, "Config", which.key, old_value, sizeof old_value);

@@ -4,6 +4,7 @@
 #include <json-c/json.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <utility>
 
 #include "base/json.h"
@@ -14,14 +15,15 @@
 #include "config/settings.h"
 #include "control/query.h"
 #include "log/tb_log.h"
+#include "net/http.h"
 
 namespace {
 
 constexpr size_t QUERY_TEXT_SIZE = REQUEST_SIZE - REQUEST_HEADER + 1;
 constexpr size_t CURSOR_SIZE = 16;
 constexpr size_t JOIN_PREFIX_SIZE = 16;
-constexpr size_t EXTENSIONS_SIZE = 1024;
-constexpr size_t SIP_TEXT_SIZE = 64;
+constexpr size_t EXTENSIONS_SIZE = ANSWER_SIZE;  // any that an answer can hold
+constexpr size_t SIP_TEXT_SIZE = 256;
 
 json_ptr new_reply() {
     json_ptr reply(json_object_new_object());
@@ -80,8 +82,8 @@ struct pbx_state {
 bool find_account(pbx_state* state) {
     const json_ptr file = read_pbx_file(PBX_CONFIG_FILE);
     if (file != nullptr) {
-        (void)json_text(file.get(), "user", state->user, sizeof state->user);
-        (void)json_text(file.get(), "server", state->server, sizeof state->server);
+        (void)get_param_from_json_resp(file.get(), "user", state->user, sizeof state->user);
+        (void)get_param_from_json_resp(file.get(), "server", state->server, sizeof state->server);
         return true;
     }
     if (!pluginmgr_config.quorvel_sipuser) {
@@ -100,7 +102,7 @@ void take_status(pbx_state* state, const json_ptr& reply, json_ptr status) {
         cache_account(state->user, state->server);
     }
     char address[SIP_TEXT_SIZE] = {};
-    (void)json_text(status.get(), "address", address, sizeof address);
+    (void)get_param_from_json_resp(status.get(), "address", address, sizeof address);
     if (!is_empty(address)) {
         state->reachable = "true";
     }
@@ -201,6 +203,13 @@ void answer_pbx_extensions(const boa_request& request) {
     const json_ptr reply = new_reply();
     add_json_text(reply.get(), "extensions", extensions);
     add_json_text(reply.get(), "join_prefix", join_prefix);
+    const size_t length = strlen(json_object_to_json_string(reply.get()));
+    if (length > REPLY_BODY) {
+        log_err(__func__, __LINE__, "list of extensions has %zu characters, at most %zu, not sent",
+                length, REPLY_BODY);
+        send_result(request, ERR_TOO_LONG);
+        return;
+    }
     send_json(request, reply);
 }
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -107,6 +108,12 @@ void add_address(const char* ip, const char* domain) {
     }
 }
 
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view BLANKS = " \t";
+    text = text.substr(std::min(text.find_first_not_of(BLANKS), text.size()));
+    return text.substr(0, text.find_last_not_of(BLANKS) + 1);  // npos + 1 is 0
+}
+
 }  // namespace
 
 void checkHostsFile(const char* domain, const char* ip) {
@@ -143,13 +150,23 @@ int delete_domain_in_hosts(const char* ip, const char* /*domain*/) {
     return 0;
 }
 
-server_pin split_server_pin(const char* value) {
+server_pin split_server_pin(std::string_view value) {
     server_pin pin;
-    const char* bar = strchr(value, '|');
-    if (bar != nullptr) {
-        set_text(pin.host, std::string_view(value, static_cast<size_t>(bar - value)));
-        set_text(pin.address, bar + 1);
+    const size_t bar = value.find('|');
+    if (bar == std::string_view::npos) {
+        return pin;
     }
+    const std::string_view host = trimmed(value.substr(0, bar));
+    const std::string_view address = trimmed(value.substr(bar + 1));
+    if (host.size() >= sizeof pin.host || address.size() >= sizeof pin.address) {
+        log_err(__func__, __LINE__,
+                "pinned server not taken, name of %zu, address of %zu characters", host.size(),
+                address.size());
+        pin.fits = false;
+        return pin;
+    }
+    set_text(pin.host, host);
+    set_text(pin.address, address);
     return pin;
 }
 

@@ -5,6 +5,9 @@
 // an error is logged. No state.
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 // Keeps /etc/hosts mapping domain to ip: replaces the address of a line whose name is domain
 // (only when old and new address are equally long) or inserts a line after the first.
 void checkHostsFile(const char* domain, const char* ip);
@@ -16,12 +19,15 @@ int add_domain_to_hosts(const char* ip, const char* domain);
 // looked at. 0.
 int delete_domain_in_hosts(const char* ip, const char* domain);
 
-// A server that the user pins to an address, written "host|address". Without a bar both are empty;
-// each is cut at its size.
+// A server that the user pins to an address, written "host|address"; blanks around each do not
+// count. Without a bar both are empty.
+constexpr size_t SERVER_PIN_SIZE = 256;  // of the text; holds what any request can bring
 struct server_pin {
     char host[64] = {};
     char address[16] = {};
+    bool fits = true;  // false: a half is too long for a pin, and both are empty
 };
-[[nodiscard]] server_pin split_server_pin(const char* value);
+// A half that does not fit is logged.
+[[nodiscard]] server_pin split_server_pin(std::string_view value);
 // True when neither part is empty, so that /etc/hosts may be changed for it.
 [[nodiscard]] bool is_whole(const server_pin& pin);

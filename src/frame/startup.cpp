@@ -123,7 +123,7 @@ void start_agents() {
 }
 
 void pin_user_server(const char* key) {
-    char value[256] = {};
+    char value[SERVER_PIN_SIZE] = {};
     if (ini_get(SETTINGS_FILE, "Config", key, value, sizeof value) != 0) {
         return;
     }

@@ -20,7 +20,7 @@ OWNER, TOKEN = "token-of-the-owner", "token-of-the-pbx"
 ATTACHED = {"quorvel_service": "on", "quorvel_token": TOKEN}
 LOGIN = SET + "id80003=alice&id80004=secret&id80002=true"
 OK, HANG_UP = {"result": "ok", "code": 0}, Answer(raw=b"", end="close")
-TCP, TLS, SENT_NOTHING, LOGIN_FAILED, REFUSED, OFF = 13, 14, 22, 31, 32, 33
+TCP, TLS, SENT_NOTHING, LOGIN_FAILED, REFUSED, OFF, TOO_LONG = 13, 14, 22, 31, 32, 33, 93
 
 
 def error(code):
@@ -42,11 +42,11 @@ def start_attached(platform, device, **settings):
 # -- accounts -------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("user, password", [("a+b%20c@x.y", "p=ss '\"\\"), ("u" * 40, "p" * 40)])
+@pytest.mark.parametrize("user, password", [("a+b%20c@x.y", "p=ss '\"\\"), ("u" * 31, "p" * 31)])
 def test_login_byte_for_byte(platform, running, user, password):
-    """31 characters of each, not escaped and not stored; the line end behind the body is not counted."""
-    platform.cloud.accounts = {user[:31]: password[:31]}
-    body = f"grant_type=password&scope=everything&username={user[:31]}&password={password[:31]}"
+    """Not escaped and not stored; the line end behind the body is not counted."""
+    platform.cloud.accounts = {user: password}
+    body = f"grant_type=password&scope=everything&username={user}&password={password}"
     for count in (1, 2):
         assert running.replies(f"{SET}id80003={user}&id80004={password}&id80002=truest") == [OK]
         login = platform.wait_request("POST /oauth2/token", count=count)
@@ -62,7 +62,7 @@ def test_login_byte_for_byte(platform, running, user, password):
 def test_failed_logins(platform, running):
     """No bind follows; the token is forgotten, and an answer without one leaves what is there."""
     assert running.replies(LOGIN) == [OK]
-    for answer in (coded(2202), Answer({"token": "no code"}), HANG_UP):
+    for answer in (coded(2202), Answer({"token": "no code"}), coded("INVALID_TOKEN", token="x"), HANG_UP):
         platform.accounts.answer("POST *", answer, times=1)
         assert running.replies(LOGIN) == [error(LOGIN_FAILED)], answer
     for fault, code in (("refuse", TCP), ("close", TLS)):
@@ -77,6 +77,35 @@ def test_failed_logins(platform, running):
         assert platform.requests(BIND)[-1].headers["authorization"] == basic(token + ":")
 
 
+@pytest.mark.parametrize("credential", ["id80003=alice&id80004=" + "p" * 32, "id80003=" + "u" * 32 + "&id80004=p",
+                                        "id80007=" + "t" * 64])
+def test_nothing_is_bound_with_what_does_not_fit(platform, running, credential):
+    assert running.replies(f"{SET}id80007={OWNER}") == []
+    assert running.replies(f"{SET}{credential}&id80002=true") == [error(TOO_LONG)]
+    assert not platform.requests(BIND) + platform.requests("POST /oauth2/token")
+    assert "characters, at most" in running.errors()
+    assert running.replies(SET + "id80002=true") == [OK] and platform.cloud.device.bound
+
+
+def test_long_texts_of_the_platform(platform, running):
+    """The longest that fit are used whole; of longer ones nothing is."""
+    record, texts = platform.cloud.device, ("u" * 255, "c" * 255, "g" * 255)
+    shown = {"id80006": texts[0], "id80011": texts[1], "id80013": texts[2]}
+    record.bound, record.user, record.authcode, record.grantee = True, *texts
+    platform.cloud.login_token = "t" * 383
+    assert running.replies(LOGIN) == [OK]
+    for _ in range(2):
+        assert running.get(80011).items() >= shown.items()
+        record.user, record.authcode, record.grantee = (one + "+" for one in texts)
+    assert running.errors().count("characters, at most 255, not taken") == 3
+    running.replies(ACTION + "authcode=delete")
+    assert platform.requests(f"DELETE {CODES}*")[-1].target == f"{CODES}/{texts[1]}?device_id={DEVICE_ID}"
+    platform.cloud.login_token = "t" * 384
+    assert running.replies(LOGIN) == [error(2202)]
+    assert platform.requests(BIND)[-1].headers["authorization"] == basic("t" * 383 + ":")
+    assert "token in an answer has 384 characters, at most 383, not taken" in running.errors()
+
+
 def test_bind_with_a_given_token_and_unbind(platform, running):
     """A token after a password beats the account. It is stored once a bind has succeeded, and
     forgotten once an unbind has."""
@@ -85,7 +114,7 @@ def test_bind_with_a_given_token_and_unbind(platform, running):
             ("id80004=secret&id80003=alice&id80007=unknown&id80002=trueish", "unknown", 2202, OWNER),
             ("id80002=true", "unknown", 2202, OWNER), ("id80002=falsely", None, 0, ""),
             ("id80002=true", "", 2202, ""), ("id80007=t&id80002=true", "t", 2202, ""),
-            ("id80007=" + "t" * 70 + "&id80002=true", "t" * 63, 2202, "")):
+            ("id80007=" + "t" * 63 + "&id80002=true", "t" * 63, 2202, "")):
         if code == 2204:
             platform.api.answer(UNBIND, coded(code), times=1)
         before = platform.mark()
@@ -331,12 +360,14 @@ def test_state_of_the_pbx_account(platform, attached):
 def test_extensions_by_pages(platform, attached):
     platform.cloud.extensions = [{"n": number} for number in range(130)]
     for more, first, count in (("", 0, 100), ("&next=100", 100, 30), ("&x=1&next=130&y=2", 130, 0)):
-        listed = spaced(platform.cloud.extensions[first:first + count])[:1023]
+        listed = spaced(platform.cloud.extensions[first:first + count])
         assert attached.get(80036, more) == OK | {"extensions": listed, "join_prefix": "8"}, more
     for values, shown in (({"extensions": "text", "join_prefix": 8}, {"extensions": "text", "join_prefix": "8"}),
-                          ({}, {"extensions": "", "join_prefix": ""})):
+                          ({"join_prefix": "8" * 16}, {"extensions": "", "join_prefix": ""})):
         platform.pbx.answer("GET */extensions", coded(0, **values), times=1)
         assert attached.query(EXTENSIONS).text == spaced(OK | shown)
+    platform.pbx.answer("GET */extensions", coded(0, extensions=["n"] * 600), times=1)
+    assert attached.query(EXTENSIONS).json() == error(TOO_LONG), "rather than no JSON"
     platform.cloud.pbx_token = "another"
     assert attached.query(EXTENSIONS).text == '{"result":"error","code":20006}'
     assert attached.setting("quorvel_token") == TOKEN, "only the state query gives it up"

@@ -3,7 +3,7 @@
 import concurrent.futures
 
 from lab.deployment import API_SERVER
-from lab.device import AGENT_INI, HOSTS, read_text, wait_until, write_text
+from lab.device import AGENT_INI, HOSTS, INI, read_text, wait_until, write_text
 from lab.platform import DEVICE_ID, Reply, coded
 
 DEVICE = "/v1/devices/" + DEVICE_ID
@@ -77,9 +77,10 @@ def test_each_run_mode_to_each(platform, device):
 UMS_STEPS = [
     ("id80014=", True, "on", "", []),
     ("id80014=ums.lan&id80035=late", False, "ums", "ums.lan", ["--ums"]),
-    ("id80007=first&id80014=" + "u" * 70, True, "ums", "u" * 63, ["--ums"]),
+    ("id80007=first&id80014=" + "u" * 63, True, "ums", "u" * 63, ["--ums"]),
+    ("id80007=" + "t" * 64, True, "ums", "u" * 63, ["--ums"]),
     ("id80014=", False, "on", "", []),
-    ("id80014=&id80000=ums&id80007=" + "t" * 70, False, "on", "", []),
+    ("id80014=&id80000=ums&id80007=" + "t" * 63, False, "on", "", []),
     ("id80000=off", True, "off", "", None),
     ("id80014=", True, "on", "", []),
     ("id80000=off&id80014=x.lan", False, "ums", "x.lan", ["--ums"]),
@@ -128,9 +129,9 @@ def test_order_of_the_steps_and_their_replies(platform, running):
         replies, reported = change(platform, running, f"id80002=perhaps&id80000={value}", True)
         assert replies == [OK, error(77)] and reported == ["on"] == [running.setting("cloudserver")], value
     assert running.replies(SET + "id80002=perhaps") == [error(-1)]
-    for value in ("on", "x" * 20, "", "off"):
+    for value in ("on", "x" * 15, "", "off"):
         assert running.replies(f"{SET}id80035={value}") == [OK]
-        assert running.setting("quorvel_service") == value[:15] == running.get(80031)["id80035"]
+        assert running.setting("quorvel_service") == value == running.get(80031)["id80035"]
 
 
 FAR, OTHER, OLD = "10.0.0.90 far.lan", "110.0.0.95 other.lan", "10.0.0.5 old-entry"
@@ -139,7 +140,8 @@ HOME, API, PBX = "127.0.0.1 localhost", "10.0.0.3 api.lan api.lan", "10.0.0.5 pb
 PINS = [
     ("id80037", "old.lan|10.0.0.9", [FAR, OTHER, OLD, "10.0.0.9 old.lan old.lan"]),
     ("id80037", "old.lan|10.0.0.9", [FAR, OTHER, OLD, "10.0.0.9 old.lan old.lan"]),
-    ("id80037", "pbx.lan|10.0.0.5", [OLD, PBX]),
+    ("id80037", " old.lan |\t10.0.0.9 ", [OLD, "10.0.0.9 old.lan old.lan"]),
+    ("id80037", "pbx.lan |10.0.0.5", [OLD, PBX]), ("id80037", "pbx.lan |10.0.0.5", [OLD, PBX]),
     ("id80038", "api.lan|10.0.0.3", [OLD, PBX, API]),
     ("id80037", "no-bar", [API]), ("id80037", "no-address|", [API]), ("id80037", "|10.0.0.3", [API]),
     ("id80037", "", [API]), ("id80038", "", []),
@@ -152,15 +154,36 @@ PIN_LINES = ["id80037 old value,ip:10.0.0.9,domain:old.lan", "user_sipserver(id8
              "Add domain cmd=echo 10.0.0.5 pbx.lan pbx.lan >> /etc/hosts"]
 
 
+def test_what_does_not_fit_changes_nothing(running):
+    """Also a name and an address: with their beginnings another machine would be pinned."""
+    assert running.replies(f"{SET}id80037=x.lan|10.0.0.1") == [OK]
+    before = read_text(INI), read_text(HOSTS), running.get(80000)
+    for text, limit in (("id80014=" + "u" * 64, 63), ("id80035=" + "x" * 16, 15),
+                        ("id80037=x.lan|192.168.100.2001", None), (f"id80038={'h' * 64}|10.0.0.2", None)):
+        assert running.replies(SET + text) == [error(93)], text
+        assert (read_text(INI), read_text(HOSTS), running.get(80000)) == before, text
+        assert limit is None or f"{text[:7]} has {limit + 1} characters, at most {limit}, not taken" in running.errors()
+    assert "pinned server not taken, name of 5, address of 16 characters" in running.errors()
+    assert "pinned server not taken, name of 64, address of 8 characters" in running.errors()
+
+
 def test_pinned_servers(running):
     write_text(HOSTS, "\n".join([HOME, FAR, OTHER, OLD, ""]))
     for key, value, lines in PINS:
         assert running.replies(f"{SET}{key}={value}") == [OK]
         assert read_text(HOSTS).splitlines() == [HOME] + lines, value
-        assert running.setting(USER_SERVERS[key]) == value
+        assert running.setting(USER_SERVERS[key]) == value.strip()
         assert running.query(f"method=gw.config.get&id={key[2:]}").text == (
-            f'{{"result":"ok","code":0,"{key}":"{value}"}}')
+            f'{{"result":"ok","code":0,"{key}":"{value.strip()}"}}')
     assert [one for one in PIN_LINES if not running.log_lines(one)] == []
+
+
+def test_pins_are_judged_at_start_as_well(platform, device):
+    device.reset_enrolled(platform, {"user_apiserver": " api.lan |\t10.0.0.3",
+                                     "user_sipserver": "x.lan|192.168.100.2001"})
+    device.start()
+    assert read_text(HOSTS) == f"{HOME}\n{API}\n"
+    assert "pinned server not taken, name of 5, address of 16 characters" in device.errors()
 
 
 def test_pinned_api_server_replaces_the_name_servers(platform, device):

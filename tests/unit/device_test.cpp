@@ -4,12 +4,14 @@
 
 #include "base/handles.h"
 #include "base/text.h"
+#include "device/hosts.h"
 #include "device/identity.h"
 #include "device/ipc.h"
 #include "device/kv.h"
 #include "device/process.h"
 #include "device/program.h"
 #include "device/url.h"
+#include "log/tb_log.h"
 #include "scratch.h"
 
 namespace {
@@ -48,6 +50,32 @@ TEST(kv_text, trim_and_split) {
     EXPECT_STREQ(value, "a=b");
     EXPECT_EQ(split_kv(value, '#', &key, &value), -1);
     EXPECT_TRUE(key == nullptr && value == nullptr);
+}
+
+TEST(pinned_server, halves_are_trimmed_and_whole) {
+    const std::string host(63, 'h');
+    const struct {
+        std::string text;
+        std::string host;
+        const char* address;
+        bool fits = true;
+    } rows[] = {
+        {"x.lan|10.0.0.1", "x.lan", "10.0.0.1"},
+        {" x.lan\t | 10.0.0.1 ", "x.lan", "10.0.0.1"},
+        {"a b|1|2", "a b", "1|2"},
+        {"no bar", "", ""},
+        {" | ", "", ""},
+        {" " + host + "|255.255.255.255 ", host, "255.255.255.255"},
+        {host + "h|10.0.0.1", "", "", false},
+        {"x.lan|192.168.100.2001", "", "", false},
+    };
+    log_set_output(LOG_TO_NONE);
+    for (const auto& row : rows) {
+        const server_pin pin = split_server_pin(row.text);
+        EXPECT_EQ(pin.host, row.host) << row.text;
+        EXPECT_STREQ(pin.address, row.address) << row.text;
+        EXPECT_EQ(pin.fits, row.fits) << row.text;
+    }
 }
 
 TEST_F(device_files, kv_tables) {

@@ -92,9 +92,11 @@ TEST_F(ini_files, lookup) {
 TEST_F(ini_files, small_buffers_and_files_that_cannot_be_read) {
     EXPECT_EQ(look_up("Config", "key"), "-10");
     write("[Config]\nkey=12345678\n");
-    char value[6] = "-----";
-    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 5), 0);
-    EXPECT_EQ(std::string(value, 6), std::string("1234\0\0", 6));
+    char value[10] = "---------";
+    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 8), INI_NO_ROOM);
+    EXPECT_STREQ(value, "---------") << "nothing rather than a part of it";
+    EXPECT_EQ(ini_get(path.c_str(), "Config", "key", value, 9), 0);
+    EXPECT_STREQ(value, "12345678");
     EXPECT_EQ(ini_set((path + "/x").c_str(), "Config", "key", "v"), INI_NOT_CREATED);
     const std::string pipe = in("pipe");
     const std::string endless = in("endless");
@@ -166,8 +168,7 @@ TEST_F(ini_files, set) {
          "[A]\na=1\n[Config]\nkey=v+++\n\n"},
         {"in place of such a value", "[Config]\nkey=1++\n\nb=2+\n\n", "3+", 0,
          "[Config]\nkey=3++\n\nb=2+\n\n"},
-        {"beside such a value", "[Config]\na=1++\n\nkey=2\n", "3", 0,
-         "[Config]\na=1++\n\nkey=3\n"},
+        {"beside such a value", "[Config]\na=1++\n\nkey=2\n", "3", 0, "[Config]\na=1++\n\nkey=3\n"},
         {"plus sign inside", one, "v+w", 0, "[Config]\nkey=v+w\n"},
         {"broken section", "[Config]\nrubbish\n", "v", INI_MALFORMED, "[Config]\nrubbish\n"},
         {"second line in the value", one, "v\nb=2", INI_WRITE_ERROR, one},

@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "base/text.h"
+#include "deployment.h"
 #include "log/tb_log.h"
 #include "scratch.h"
 
@@ -75,15 +78,45 @@ TEST_F(settings_files, numbers) {
     }
 }
 
-TEST_F(settings_files, texts_are_cut_at_their_field_and_secrets_are_not_logged) {
+TEST_F(settings_files, a_text_that_does_not_fit_counts_as_not_there) {
+    const std::string host(63, 'h');
+    const settings config =
+        load("[Config]\ntcp_mss=1234567890123456\ndns1=111.111.111.1111\napi_server=" + host +
+             "\naccounts_server=" + host + "h\nquorvel_token=" + host +
+             "t\nquorvel_sipuser=" + std::string(256, 's') +
+             "\nquorvel_sipserver=" + std::string(255, 's') + "\ntls_ca_file=/" +
+             std::string(127, 'f') + "\nconn_timeout=" + std::string(40, '0') + "7\n");
+    EXPECT_STREQ(config.tcp_mss, "");
+    EXPECT_STREQ(config.dns1, "205.251.193.226");
+    EXPECT_EQ(config.api_server, host);
+    EXPECT_STREQ(config.accounts_server, PLUGINMGR_ACCOUNTS_SERVER);
+    EXPECT_STREQ(config.quorvel_token, "");
+    EXPECT_EQ(config.quorvel_sipuser, nullptr);
+    EXPECT_EQ(strlen(config.quorvel_sipserver.get()), 255U);
+    EXPECT_STREQ(config.tls_ca_file, "unreadable setting") << "and no other file";
+    EXPECT_EQ(config.conn_timeout, 7);
+    EXPECT_NE(log.find("tcp_mss in " + own + " has 16 characters, at most 15, not taken\n"),
+              std::string::npos);
+}
+
+TEST_F(settings_files, a_pushed_text_that_does_not_fit_is_not_there) {
+    write_file(own, "[Config]\napi_server=" + std::string(64, 'h') + "\ncloudserver=on\n");
+    settings config = {};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(read_update_config(&config, own.c_str()), 0);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("api_server in "), std::string::npos);
+    EXPECT_STREQ(config.api_server, "");
+    EXPECT_STREQ(config.cloudserver, "on");
+}
+
+TEST_F(settings_files, agent_file_empty_values_and_secrets) {
     write_file(agent, "[Config]\nUMS_SERVER=from.agent\n");
     const settings config = load(
         "[Config]\nUMS_SERVER=from.own\nquorvel_service=\nquorvel_token=confidential\n"
-        "tcp_mss=1234567890123456789\nquorvel_sipuser=me\nquorvel_sipserver=\n"
+        "quorvel_sipuser=me\nquorvel_sipserver=\n"
         "[Update]\ncheckcycle=10\n");
     EXPECT_STREQ(config.UMS_SERVER, "from.agent");
     EXPECT_STREQ(config.quorvel_service, "off");
-    EXPECT_STREQ(config.tcp_mss, "123456789012345");
     ASSERT_NE(config.quorvel_sipuser, nullptr);
     EXPECT_STREQ(config.quorvel_sipuser.get(), "me");
     EXPECT_EQ(config.quorvel_sipserver, nullptr);
