@@ -306,8 +306,7 @@ class Device:
             return threads[:1] + threads[1 + (b"__tsan_init" in program.read()):]
 
     def is_ready(self):
-        """Whether the daemon that holds the pid file has opened the control port. Its log is no
-        sign: a line that meets another thread's is left out."""
+        """Whether the daemon that holds the pid file has opened the control port."""
         return self.pid() in self.daemons() and CONTROL_PORT_LISTED in read_text("/proc/net/udp")
 
     def wait_ready(self, child, timeout=30):
@@ -381,7 +380,7 @@ class Device:
         return [line for line in self.log().splitlines() if text in line]
 
     def wait_log(self, text, timeout=10, count=1):
-        """The count-th line of the debug log that holds the text; see is_ready() for the limits."""
+        """The count-th line of the debug log that holds the text."""
         lines = wait_until(lambda: self.log_lines(text)[count - 1:], timeout, f"log line {text!r}")
         return lines[0]
 

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "base/shell.h"
@@ -127,6 +128,12 @@ void start_agents() {
     }
 }
 
+// Whether a colon-separated list has it, as one that an earlier daemon has handed on.
+bool holds(const char* list, const char* value) {
+    const std::string wanted = std::string(":") + value + ":";
+    return (std::string(":") + list + ":").find(wanted) != std::string::npos;
+}
+
 void pin_user_server(const char* key) {
     char value[SERVER_PIN_SIZE] = {};
     if (ini_get(SETTINGS_FILE, "Config", key, value, sizeof value) != 0) {
@@ -147,7 +154,7 @@ int add_env(const char* name, const char* value) {
     if (current != nullptr) {
         set_text(text, current);
     }
-    if (!is_empty(value)) {
+    if (!is_empty(value) && !holds(text, value)) {
         if (!is_empty(text)) {
             append_text(text, sizeof text, ":");
         }

@@ -6,7 +6,8 @@
 // The whole start-up sequence. The flag is accepted and does nothing. Always 0.
 int pluginmgr_init(int init_flag);
 
-// Appends value to the colon-separated variable name. The result of setenv(), or -1 when the text
+// Appends value to the colon-separated variable name unless it is there already: a restarted daemon
+// inherits what the one before it has set. The result of setenv(), or -1 when the text
 // would be empty.
 int add_env(const char* name, const char* value);
 

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "base/text.h"
 #include "log/tb_log.h"
@@ -21,8 +23,34 @@ constexpr uint16_t DEFAULT_MAX_KB = 512;
 constexpr uint8_t DEFAULT_BACKUPS = 1;
 constexpr off_t KILOBYTE = 1024;
 constexpr size_t COPY_NAME_SIZE = LOG_PATH_SIZE + 8;  // path and ".255" or ".bak"
-constexpr int HOLD_ATTEMPTS = 250;
-constexpr timespec HOLD_PAUSE = {0, 1'000'000};
+constexpr int64_t HOLD_LIMIT = 250'000'000;           // nanoseconds
+constexpr int64_t LINE_LIMIT = 20'000'000;
+constexpr timespec PAUSE = {0, 100'000};
+
+// This thread rotates a file: its lines about that must not wait for itself.
+thread_local bool rotates_here = false;
+
+int64_t monotonic_time() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+}
+
+// Tries until it comes true, for so many nanoseconds at most. False when it never did.
+template <typename Attempt>
+bool try_until(int64_t limit, Attempt attempt) {
+    if (attempt()) {
+        return true;
+    }
+    const int64_t end = monotonic_time() + limit;
+    do {
+        nanosleep(&PAUSE, nullptr);
+        if (attempt()) {
+            return true;
+        }
+    } while (monotonic_time() < end);
+    return false;
+}
 
 void name_copy(const log_record& record, int number, char (&name)[COPY_NAME_SIZE]) {
     if (number == 0) {
@@ -76,12 +104,7 @@ log_call::~log_call() {
 }
 
 record_hold::record_hold(log_record& record) : record_(record) {
-    for (int attempt = 0; attempt < HOLD_ATTEMPTS && !held_; attempt++) {
-        held_ = !record_.writing.exchange(true);
-        if (!held_) {
-            nanosleep(&HOLD_PAUSE, nullptr);
-        }
-    }
+    held_ = try_until(HOLD_LIMIT, [this] { return !record_.writing.exchange(true); });
 }
 
 record_hold::~record_hold() {
@@ -125,11 +148,9 @@ int find_log_size(const log_record& record, off_t* size) {
 }
 
 void append_line(log_record& record, std::string_view text) {
-    if (record.rotating) {
-        record.dropped++;
-        return;
-    }
-    if (record.writing.exchange(true)) {
+    const auto begin = [&record] { return !record.rotating && !record.writing.exchange(true); };
+    if (!(rotates_here ? begin() : try_until(LINE_LIMIT, begin))) {
+        record.dropped += record.rotating ? 1U : 0U;
         return;
     }
     FILE* file = record.fp;
@@ -167,7 +188,9 @@ void check_rotation(log_record& record, bool force) {
     if (find_log_size(record, &size) == 0 && size != 0 &&
         (force || size >= record.max_kb * KILOBYTE)) {
         close_record(record);
+        const bool outer = std::exchange(rotates_here, true);
         shift_copies(record);
+        rotates_here = outer;
     }
     if (record.fp == nullptr) {
         open_record(record, "ae");

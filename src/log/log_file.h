@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The three log files: their records, opening, rotation, and writing one line. No mutex: a
 // record's stream belongs to whoever set its `writing` mark, `rotating` tells others that the file
-// is being exchanged. Both are taken by exchange, and lines never wait for them.
+// is being exchanged. Both are taken by exchange. A line waits for them, 20 ms at most, which no
+// write to a file system in order takes.
 #pragma once
 
 #include <sys/types.h>
@@ -83,7 +84,8 @@ void set_log_path(log_record& record, const char* path);
 [[nodiscard]] int find_log_size(const log_record& record, off_t* size);
 
 // Writes one line (with its newline) by a single write, then looks whether the file is to be
-// rotated. A record that is closed or busy gets nothing.
+// rotated. A record that is closed, or busy for 20 ms on end, gets nothing. Not for signal
+// handlers.
 void append_line(log_record& record, std::string_view text);
 
 // With the `writing` mark held (or before threads start):

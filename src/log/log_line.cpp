@@ -21,6 +21,7 @@ constexpr long NANOSECONDS_IN_MICROSECOND = 1000;
 
 std::atomic<long> utc_offset = 0;     // seconds, east positive
 std::atomic<pid_t> offset_owner = 0;  // the process that looks the offset up
+std::atomic<time_t> looked_up_at = -1;
 
 // Like "%0*ld"; printf itself may take locks.
 void add_number(log_line& line, long value, size_t width) {
@@ -75,14 +76,19 @@ void add_name(log_line& line, const line_origin& origin) {
 
 void init_local_time() {
     offset_owner = getpid();
-    tzset();
+    looked_up_at = -1;
     update_local_time();
 }
 
+// tzset() reads the zone's file again when that has changed; localtime_r() alone never does.
 void update_local_time() {
     tm local = {};
     const time_t now = time(nullptr);
-    if (offset_owner == getpid() && localtime_r(&now, &local) != nullptr) {
+    if (offset_owner != getpid() || looked_up_at.exchange(now) == now) {
+        return;
+    }
+    tzset();
+    if (localtime_r(&now, &local) != nullptr) {
         utc_offset = local.tm_gmtoff;
     }
 }

@@ -28,8 +28,10 @@ struct line_origin {
 
 // Makes this process the one that looks the time zone up, and does so once.
 void init_local_time();
-// Looks the offset of local time up again. Does nothing in a forked child, where the C library's
-// time-zone lock may be held for ever by a thread that did not come along.
+// Looks the offset of local time up again, once a second at most, so that a changed time zone shows
+// (/etc/localtime; with musl, which reads it once, at the next start). Does nothing in a forked
+// child, where the C library's time-zone lock may be held for ever by a thread that did not come
+// along.
 void update_local_time();
 
 // The time stamp and the origin. Async-signal-safe.

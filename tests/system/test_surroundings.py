@@ -3,7 +3,9 @@
 import contextlib
 import os
 import re
+import struct
 import subprocess
+import time
 
 import pytest
 
@@ -152,6 +154,23 @@ def test_hosts_file_that_cannot_be_written(platform, device, trouble):
         assert device.replies(SET + "id80037=new.lan|10.0.0.5")
         assert read_text(HOSTS) == before.replace("10.0.0.9 old.lan old.lan", "10.0.0.5 new.lan new.lan")
         device.kill_all()
+
+
+def test_time_zone_that_changes(platform, device):
+    """The log follows /etc/localtime, also where there was none before."""
+    device.start_enrolled(platform)
+    for number, minutes in enumerate((570, -210), 1):
+        zone = (b"TZif" + bytes(16) + struct.pack(">6l", 0, 0, 0, 0, 1, 4) +  # one kind of time, no changes
+                struct.pack(">lBB", minutes * 60, 0, 0) + b"LAB\0")
+        with open("/etc/localtime.new", "wb") as file:
+            file.write(zone)
+        os.replace("/etc/localtime.new", "/etc/localtime")
+        time.sleep(1.1)  # it is looked at once a second
+        assert device.replies(SET + f"id80035=zone{number}")
+        stamp = device.wait_log(f"id80035=zone{number}, len=5")[1:15]
+        utc = time.time() + minutes * 60
+        assert stamp in [time.strftime("%m/%d %H:%M:%S", time.gmtime(utc - ago)) for ago in range(10)]
+    os.unlink("/etc/localtime")
 
 
 def test_clock_that_is_set_back_and_forth(platform, device):

@@ -198,6 +198,15 @@ TEST(Environment, AppendsWithAColon) {
     setenv("UNIT_PATH", "/bin", 1);
     EXPECT_EQ(add_env("UNIT_PATH", "/var/run"), 0);
     EXPECT_STREQ(getenv("UNIT_PATH"), "/bin:/var/run");
+    EXPECT_EQ(add_env("UNIT_PATH", "/var/run"), 0);
+    EXPECT_STREQ(getenv("UNIT_PATH"), "/bin:/var/run") << "once, whoever has put it there";
+    setenv("UNIT_PATH", "/var/run2:/x/var/run", 1);
+    EXPECT_EQ(add_env("UNIT_PATH", "/var/run"), 0);
+    EXPECT_STREQ(getenv("UNIT_PATH"), "/var/run2:/x/var/run:/var/run");
+    setenv("UNIT_PATH", "/var/run:/bin", 1);
+    EXPECT_EQ(add_env("UNIT_PATH", "/var/run"), 0);
+    EXPECT_STREQ(getenv("UNIT_PATH"), "/var/run:/bin");
+    setenv("UNIT_PATH", "/bin:/var/run", 1);
     EXPECT_EQ(add_env("UNIT_PATH", ""), 0);
     EXPECT_STREQ(getenv("UNIT_PATH"), "/bin:/var/run");
     EXPECT_EQ(add_env("UNIT_NONE", ""), -1);
