@@ -13,9 +13,8 @@
 namespace {
 
 constexpr size_t STEPS = 64;
-constexpr size_t CHUNK = 1024;  // bytes fed at a time
-constexpr size_t READ_SIZE =
-    16 * CHUNK;  // bytes read at a time: few calls, yet inside the L1 cache
+constexpr size_t CHUNK =
+    size_t{16} * 1024;  // bytes read at a time: few calls, yet inside the L1 cache
 
 constexpr uint32_t START[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
 
@@ -101,7 +100,7 @@ int md5_file(const char* path, uint8_t digest[MD5_DIGEST_SIZE]) {
     }
     md5_context context;
     md5_init(&context);
-    uint8_t bytes[READ_SIZE] = {};
+    uint8_t bytes[CHUNK] = {};
     for (;;) {
         const ssize_t count = read(file.get(), bytes, sizeof bytes);
         if (count < 0 && errno == EINTR) {
@@ -114,10 +113,7 @@ int md5_file(const char* path, uint8_t digest[MD5_DIGEST_SIZE]) {
             md5_final(&context, digest);
             return 0;
         }
-        const auto length = static_cast<size_t>(count);
-        for (size_t at = 0; at < length; at += CHUNK) {
-            md5_update(&context, bytes + at, std::min(CHUNK, length - at));
-        }
+        md5_update(&context, bytes, static_cast<size_t>(count));
     }
 }
 

@@ -19,8 +19,7 @@ void md5_init(md5_context* context);
 void md5_update(md5_context* context, const void* data, size_t length);
 void md5_final(md5_context* context, uint8_t digest[MD5_DIGEST_SIZE]);
 
-// Digest of a whole file, read as raw bytes in chunks of 1024. 0, or -1 when it cannot be opened
-// or read.
+// Digest of a whole file, read as raw bytes. 0, or -1 when it cannot be opened or read.
 [[nodiscard]] int md5_file(const char* path, uint8_t digest[MD5_DIGEST_SIZE]);
 
 void hmac_md5(const void* key, size_t key_length, const void* message, size_t length,

@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "base/file.h"
-#include "base/handles.h"
 #include "log/log_file.h"
 #include "log/log_line.h"
 
@@ -34,7 +33,6 @@ constexpr int MAX_DECIMAL_CODE = 256;  // exit codes above it are shown in hexad
 
 std::atomic<uint8_t> output_mode = LOG_TO_NONE;
 std::atomic<uint8_t> levels[LOG_COMPONENTS] = {};
-unique_fd internal_output;  // of mode INTERNAL, which nothing opens
 
 bool is_component(int component) {
     return component >= 0 && component < LOG_COMPONENTS;
@@ -155,7 +153,6 @@ void log_close() {
             empty_queue(record.pending);
         }
     }
-    internal_output.reset();
 }
 
 int log_msg(int component, int level, const char* function, int line, const char* format, ...) {

@@ -35,7 +35,7 @@ constexpr int LEVEL_DEBUG = 7;     // whole texts, with what is secret in them
 constexpr int LOG_TO_NONE = 0;
 constexpr int LOG_TO_FILE = 1;
 constexpr int LOG_TO_SCREEN = 2;
-constexpr int LOG_TO_INTERNAL = 3;
+constexpr int LOG_TO_INTERNAL = 3;  // nowhere: nothing opens an output of this kind
 
 // Before any other call: three closed records, all levels 3, output to the screen. Main thread.
 void log_init();

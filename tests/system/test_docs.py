@@ -13,7 +13,7 @@ import subprocess
 import lab.shell
 
 ROOT = pathlib.Path("/lab-src")
-PAGES = {path: path.read_text() for path in (ROOT / "README.md", *sorted(ROOT.glob("docs/*.md")),
+PAGES = {path: path.read_text() for path in (*sorted(ROOT.glob("*.md")), *sorted(ROOT.glob("docs/*.md")),
                                              ROOT / "lab/README.md")}
 MANUALS = {name: (ROOT / "docs/man" / name).read_text().replace("\\e", "\\")
            for name in ("pluginmgr.ini.5", "pluginctl.1", "pluginmgr.8")}
@@ -86,8 +86,10 @@ def test_commands():
              not in (re.findall(r"exit status (\d+)(?: or (\d+))?", one[2]) or [("0",)])[0]]
     shown = "\n".join(map(shape, (done.stdout + done.stderr).splitlines()))
     wrong += [line for _, block in blocks("text") for line in block.splitlines() if shape(line) not in shown]
-    assert typed and not wrong, (wrong, done.stdout, done.stderr)
-    assert all(block.startswith(tuple(ELSEWHERE)) for _, block in blocks("sh elsewhere"))
+    assert typed and not wrong, ("edit these pages: commands that end otherwise, lines that do not come out",
+                                 wrong, done.stdout, done.stderr)
+    for page, block in blocks("sh elsewhere"):
+        assert block.startswith(tuple(ELSEWHERE)), f"edit {page}: why can this not run here? {block}"
 
 
 def test_names():
@@ -105,16 +107,16 @@ def test_names():
              (r"(?:`|^)pluginctl ([a-z][a-z-]*)", re.findall(r"^  ([a-z-]+)", verbs, re.M)),
              (r"(?:`|^)labctl ([a-z]+)", [*lab.shell.commands(), "help"]),
              (r"^(?:\./dev|python3 lab)\b[^#\n]* (--[a-z]+)", options), (r"\b(lab\.[a-z][\w.]*\w)", modules))
-    missing = [(path.name, name) for path, text in PAGES.items() for pattern, names in known
+    missing = [(str(path), name) for path, text in PAGES.items() for pattern, names in known
                for name in re.findall(pattern, text, re.M) if name not in names]
     anchors = {re.sub(r"[^\w -]", "", one.lower()).replace(" ", "-") for text in PAGES.values()
                for one in re.findall(r"^#+ (.*)", text, re.M)}
     for path, text in PAGES.items():
         named = [path.parent / link for link in re.findall(r"\]\(([^)#:]+)[)#]", text)] + [
             ROOT / name for name in re.findall(rf"`((?:{FOLDERS})/[\w./-]+)`", text)]
-        missing += [(path.name, str(name)) for name in named if not os.path.exists(name)]
-        missing += [(path.name, one) for one in re.findall(r"\(\S*?#([\w-]+)\)", text) if one not in anchors]
-    assert not missing
+        missing += [(str(path), str(name)) for name in named if not os.path.exists(name)]
+        missing += [(str(path), one) for one in re.findall(r"\(\S*?#([\w-]+)\)", text) if one not in anchors]
+    assert not missing, "edit these pages: what they name is not there"
 
 
 def test_manuals():
@@ -123,25 +125,29 @@ def test_manuals():
     for pattern, form in ((r"^  ((?:pbx )?[a-z][a-z-]+)", r"^\.It Cm {}\b"), (r"--([a-z]+)", r"^\.It .*Fl Fl {}\b"),
                           (r"\b(80\d+)", r"\b{}\b")):
         names = set(re.findall(pattern, summary, re.M))
-        assert names and [one for one in names if not re.search(form.format(one), control, re.M)] == []
+        assert names and [one for one in names if not re.search(form.format(one), control, re.M)] == [], \
+            "edit docs/man/pluginctl.1: pluginctl --help has these, too"
     items = {key: text for keys, text in re.findall(r"^\.It Ic (.*)\n((?:(?!\.It|\.El).*\n)*)", settings, re.M)
              for key in keys.split(" , ")}
     page = PAGES[ROOT / "docs/settings.md"].partition("## How values are taken")[0]
     rows = re.findall(r"^\| `(\w+)` \|([^|]*)\|([^|]*)\|", page, re.M)
     wrong = [(key, word) for key, *values in rows for word in re.findall(r"[\w./]+", " ".join(values))
              if word not in ("none", "at", "least") and word not in items.get(key, "")]
-    assert {key for key, *_ in rows} == set(items) and not wrong
+    assert {key for key, *_ in rows} == set(items), "edit docs/settings.md or docs/man/pluginmgr.ini.5: other keys"
+    assert not wrong, "edit docs/man/pluginmgr.ini.5: docs/settings.md has these values"
     used = {key for _, block in (*blocks("ini"), examples("pluginmgr.ini.5"))
             for key in re.findall(r"^ *(\w+) *=", block, re.M)}
-    assert used and used <= set(items)
+    assert used and used <= set(items), "edit the examples of docs/*.md and docs/man/pluginmgr.ini.5: no such key"
 
 
 def test_documented():
     for page, files, pattern in DOCUMENTED:
         words = {word for path in (ROOT / "src").glob(files) for word in re.findall(pattern, path.read_text())}
-        assert words and [word for word in words if word not in PAGES[ROOT / f"docs/{page}.md"]] == [], page
+        assert words and [word for word in words if word not in PAGES[ROOT / f"docs/{page}.md"]] == [], \
+            f"edit docs/{page}.md: src/{files} has these, too"
     known = "".join((*SOURCES, (ROOT / "lab/platform/cloud.py").read_text()))
-    assert {key for key in re.findall(r'"(\w+)\\?":', PROTOCOL) if f'"{key}' not in known} == set()
+    assert {key for key in re.findall(r'"(\w+)\\?":', PROTOCOL) if f'"{key}' not in known} == set(), \
+        "edit docs/control-protocol.md: no reply has these"
 
 
 def test_floors():
@@ -150,11 +156,11 @@ def test_floors():
     level = {name: number for number, floor in enumerate(floors)
              for name in re.findall(r"^   (\w+)", floor, re.M)}
     sources = [*ROOT.glob("src/*/*.cpp"), *ROOT.glob("src/*/*.h")]
-    assert set(level) == {path.parent.name for path in sources}
+    assert set(level) == {path.parent.name for path in sources}, "edit docs/architecture.md: its floors"
     upward = [(str(path.relative_to(ROOT)), name) for path in sources
               for name in re.findall(r'#include "((?:%s)/.*)"' % "|".join(level), path.read_text())
               if level[name.partition("/")[0]] > level[path.parent.name]]
-    assert not upward
+    assert not upward, "move what is shared to a lower floor, see CONTRIBUTING.md"
 
 
 def skeleton(text):
@@ -168,4 +174,5 @@ def test_log_messages():
         r"^\| `(.*?)` \|", PAGES[ROOT / "docs/log-messages.md"].replace("\\|", "|"), re.M)}
     there, wanted = ({skeleton("".join(re.findall(r'"((?:[^"\\]|\\.)*)"', one))) for text in SOURCES
                       for one in re.findall(pattern, text)} for pattern in (LITERALS, CALLS))
-    assert told - there == set() == wanted - told - {"%"}
+    assert told - there == set(), "edit docs/log-messages.md: no source has these"
+    assert wanted - told - {"%"} == set(), "edit docs/log-messages.md: these are not told"
