@@ -38,13 +38,18 @@ int length_of(std::string_view value) {
     return static_cast<int>(value.size());
 }
 
-// The value of a parameter, logged as it was received.
+enum class privacy { open, secret };
+
+// The value of a parameter, logged as it was received; a secret one mostly by its length alone.
 std::optional<std::string_view> logged_value(const change& now, std::string_view key,
+                                             privacy kind = privacy::open,
                                              const char* prefix = "") {
     const std::optional<std::string_view> value = value_of(now, key);
     if (value) {
+        const bool is_shown = kind == privacy::open || log_shows_secrets();
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "%s%.*s%.*s, len=%d", prefix,
-                length_of(key), key.data(), length_of(*value), value->data(), length_of(*value));
+                length_of(key), key.data(), is_shown ? length_of(*value) : 0, value->data(),
+                length_of(*value));
     }
     return value;
 }
@@ -109,7 +114,7 @@ void set_ums_token(change& now) {
     if (!mode_is("ums")) {
         return;
     }
-    if (const auto value = logged_value(now, "id80007=", "ums ")) {
+    if (const auto value = logged_value(now, "id80007=", privacy::secret, "ums ")) {
         set_text(pluginmgr_config.ums_active_token, *value);
         store("ums_active_token", pluginmgr_config.ums_active_token);
     }
@@ -146,13 +151,13 @@ void restart_if_needed(const change& now) {
 }
 
 void set_account_user(change& now) {
-    if (const auto value = logged_value(now, "id80003=")) {
+    if (const auto value = logged_value(now, "id80003=", privacy::secret)) {
         set_text(account_user, *value);
     }
 }
 
 void set_account_password(change& now) {
-    if (const auto value = logged_value(now, "id80004=")) {
+    if (const auto value = logged_value(now, "id80004=", privacy::secret)) {
         set_text(account_password, *value);
         now.account_login = true;
     }
@@ -162,7 +167,7 @@ void set_active_token(change& now) {
     if (mode_is("ums")) {
         return;
     }
-    if (const auto value = logged_value(now, "id80007=")) {
+    if (const auto value = logged_value(now, "id80007=", privacy::secret)) {
         set_text(pluginmgr_config.active_token, *value);
         now.account_login = false;
     }
