@@ -23,6 +23,7 @@ class Reply:
     delay: float = 0
     id_shift: int = 0              # added to the query's id
     is_query: bool = False         # leave the response bit clear
+    owner: str | None = None       # of the records, instead of the name asked for
     compress: bool = True          # owner names as pointers to the question
     pointer_loop: bool = False     # the owner name of the first record points at itself
     cut_after: int | None = None   # bytes of the message
@@ -50,6 +51,8 @@ def record(owner, kind, data):
 def build(query_id, question, name, reply):
     """The reply message, byte for byte as the Reply wants it."""
     owner = POINTER_TO_QUESTION if reply.compress else encode_name(name)
+    if reply.owner:
+        owner = encode_name(reply.owner)
     alias = encode_name(reply.cname) if reply.cname else b""
     records = [record(owner, TYPE_CNAME, alias)] if alias else []
     records += [record(alias or owner, TYPE_A, socket.inet_aton(one)) for one in reply.addresses]

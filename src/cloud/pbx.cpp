@@ -134,7 +134,11 @@ int ask_activation(const activation& what, json_ptr* answer, char* header) {
     }
     const json_ptr body = activation_body(who, what.vcode);
     const char* text = json_object_to_json_string(body.get());
-    log_plain(LOG_API, LEVEL_NOTICE, " send %s request %s", what.name, text);
+    if (log_shows_secrets()) {
+        log_plain(LOG_API, LEVEL_NOTICE, " send %s request %s", what.name, text);
+    } else {
+        log_plain(LOG_API, LEVEL_NOTICE, " send %s request length %zu", what.name, strlen(text));
+    }
     char request[PBX_REQUEST_SIZE] = {};
     build_post(request, what.path, text);
     return exchange(request, what.body_file, answer, header);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "base/file.h"
@@ -16,6 +17,7 @@
 #include "base/lock.h"
 #include "base/text.h"
 #include "config/in_place.h"
+#include "config/secrets.h"
 #include "log/tb_log.h"
 
 namespace {
@@ -381,6 +383,14 @@ unique_fd open_draft() {
     return file;
 }
 
+void log_pair(const char* key, const char* value) {
+    if (is_secret(key) && !log_shows_secrets()) {
+        log_plain(LOG_SYSTEM, LEVEL_ALWAYS, " set %s length %zu", key, strlen(value));
+    } else {
+        log_plain(LOG_SYSTEM, LEVEL_ALWAYS, " set %s=%s", key, value);
+    }
+}
+
 int rewrite_file(const char* path, const position& place, const char* key, const char* value) {
     const unique_fd draft = open_draft();
     if (!draft) {
@@ -397,7 +407,7 @@ int rewrite_file(const char* path, const position& place, const char* key, const
     if (!read_text(draft.get(), &text) || put_in_place(path, text) != 0) {
         return INI_NOT_CREATED;
     }
-    log_plain(LOG_SYSTEM, LEVEL_ALWAYS, " set %s=%s", key, value);
+    log_pair(key, value);
     return 0;
 }
 

@@ -11,6 +11,7 @@
 #include "base/handles.h"
 #include "base/text.h"
 #include "config/ini.h"
+#include "config/secrets.h"
 #include "deployment.h"
 #include "log/tb_log.h"
 
@@ -138,7 +139,9 @@ void load_text(const char* path, const setting& row, settings* config) {
     if (row.log == log_as::value_if_set && is_empty(field.data())) {
         return;
     }
-    if (row.log == log_as::length) {
+    // Component 4 will get this level, and shows everything until then.
+    const bool is_hidden = is_secret(row.key) && config->loglevel < LEVEL_DEBUG;
+    if (row.log == log_as::length || is_hidden) {
         log_plain(LOG_SYSTEM, LEVEL_NOTICE, " %s length %d", row.key,
                   static_cast<int>(strlen(field.data())));
     } else {

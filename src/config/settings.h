@@ -52,7 +52,7 @@ struct settings {
 
     int32_t loglevel = 0;
     int32_t checkcycle = 0;       // seconds between two upgrade checks
-    int32_t conn_timeout = 0;     // seconds a TCP connect may take
+    int32_t conn_timeout = 0;     // seconds a TCP connect may take, see limited_wait()
     int32_t check_signature = 0;  // 1: packages must be signed
 
     // Of the registration with the platform.

@@ -99,6 +99,12 @@ void handle_agent_message() {
     if (recvUnixSocket(pluginmgr_ctl_fd, message.bytes, AGENT_MESSAGE_SIZE, &message.sender) <= 0) {
         return;
     }
+    // An answer of our own, which came back because its receiver's path leads here by now, or is
+    // another spelling of this one. The kernel names the sender by what it was bound to, so there
+    // is no moment between looking and sending.
+    if (std::string_view(message.sender) == CONTROL_SOCKET) {
+        return;
+    }
     for (const message_type& row : message_types) {
         if (row.type == message.type()) {
             row.handle(message);

@@ -40,13 +40,18 @@ int length_of(std::string_view value) {
     return static_cast<int>(value.size());
 }
 
-// The value of a parameter, logged as it was received.
+enum class privacy { open, secret };
+
+// The value of a parameter, logged as it was received; a secret one mostly by its length alone.
 std::optional<std::string_view> logged_value(const change& now, std::string_view key,
+                                             privacy kind = privacy::open,
                                              const char* prefix = "") {
     const std::optional<std::string_view> value = value_of(now, key);
     if (value) {
+        const bool is_shown = kind == privacy::open || log_shows_secrets();
         log_msg(LOG_SYSTEM, LEVEL_NOTICE, FUNCTION, __LINE__, "%s%.*s%.*s, len=%d", prefix,
-                length_of(key), key.data(), length_of(*value), value->data(), length_of(*value));
+                length_of(key), key.data(), is_shown ? length_of(*value) : 0, value->data(),
+                length_of(*value));
     }
     return value;
 }
@@ -122,7 +127,7 @@ void set_ums_token(change& now) {
     if (!mode_is("ums")) {
         return;
     }
-    const auto value = logged_value(now, "id80007=", "ums ");
+    const auto value = logged_value(now, "id80007=", privacy::secret, "ums ");
     if (value && take(pluginmgr_config.ums_active_token, "id80007=", *value)) {
         store("ums_active_token", pluginmgr_config.ums_active_token);
     }
@@ -162,13 +167,13 @@ void restart_if_needed(const change& now) {
 }
 
 void set_account_user(change& now) {
-    if (const auto value = logged_value(now, "id80003=")) {
+    if (const auto value = logged_value(now, "id80003=", privacy::secret)) {
         now.cannot_bind = !take(account_user, "id80003=", *value);
     }
 }
 
 void set_account_password(change& now) {
-    if (const auto value = logged_value(now, "id80004=")) {
+    if (const auto value = logged_value(now, "id80004=", privacy::secret)) {
         now.cannot_bind = !take(account_password, "id80004=", *value) || now.cannot_bind;
         now.account_login = true;
     }
@@ -178,7 +183,7 @@ void set_active_token(change& now) {
     if (mode_is("ums")) {
         return;
     }
-    if (const auto value = logged_value(now, "id80007=")) {
+    if (const auto value = logged_value(now, "id80007=", privacy::secret)) {
         now.cannot_bind = !take(pluginmgr_config.active_token, "id80007=", *value);
         now.account_login = false;
     }

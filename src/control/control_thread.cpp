@@ -25,6 +25,7 @@
 namespace {
 
 constexpr int UDP_PROTOCOL = 17;
+constexpr const char* LOOPBACK = "127.0.0.1";
 constexpr int WAIT_MS = 100;
 constexpr useconds_t IDLE_PAUSE = 100000;
 
@@ -50,7 +51,7 @@ bool open_control_port() {
     boa.peer = {};
     boa.peer.sin_family = AF_INET;
     boa.peer.sin_port = htons(CONTROL_PORT);
-    boa.peer.sin_addr.s_addr = inet_addr("127.0.0.1");
+    boa.peer.sin_addr.s_addr = inet_addr(LOOPBACK);
     allow_reuse(fd.get());
     const int bound = bind(fd.get(), reinterpret_cast<sockaddr*>(&boa.peer), sizeof boa.peer);
     if (bound < 0) {
@@ -101,6 +102,11 @@ bool handle_notice(std::string_view datagram) {
     return false;
 }
 
+// A socket that shares the port may have sent it, and the answer would come here as a request.
+bool is_own_address(const sockaddr_in& sender) {
+    return sender.sin_port == htons(CONTROL_PORT) && sender.sin_addr.s_addr == inet_addr(LOOPBACK);
+}
+
 void handle_datagram() {
     boa_request request = {};
     boa.peer_length = sizeof boa.peer;
@@ -109,6 +115,9 @@ void handle_datagram() {
                                     reinterpret_cast<sockaddr*>(&boa.peer), &boa.peer_length);
     if (length < 1) {
         log_err("param_id", __LINE__, "UDP stack receive from (%d)", static_cast<int>(length));
+        return;
+    }
+    if (is_own_address(boa.peer)) {
         return;
     }
     if (handle_notice({request.bytes, static_cast<size_t>(length)})) {

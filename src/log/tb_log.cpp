@@ -131,6 +131,10 @@ void log_join() {
     (void)log_set_output(LOG_TO_FILE);
 }
 
+bool log_shows_secrets() {
+    return log_get_level(LOG_SERVICE) >= LEVEL_DEBUG;
+}
+
 int log_dump() {
     int mode = output_mode;
     if (mode > LOG_TO_SCREEN) {
@@ -166,6 +170,13 @@ int log_msg(int component, int level, const char* function, int line, const char
                         format, args);
     va_end(args);
     return result;
+}
+
+int log_secret(int component, int level, const char* function, int line, std::string_view text) {
+    return log_shows_secrets()
+               ? log_msg(component, level, function, line, "%.*s", static_cast<int>(text.size()),
+                         text.data())
+               : log_msg(component, level, function, line, "length %zu", text.size());
 }
 
 int log_plain(int component, int level, const char* format, ...) {

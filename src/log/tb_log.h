@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 // Components, each with a level of its own.
 constexpr int LOG_SYSTEM = 0;
@@ -29,7 +30,7 @@ constexpr int LEVEL_WARNING = 2;   // what looks wrong
 constexpr int LEVEL_PROGRESS = 3;  // what happens to connections and answers
 constexpr int LEVEL_DETAIL = 4;    // figures behind a decision
 constexpr int LEVEL_TRACE = 5;     // requests, answers and single reads
-constexpr int LEVEL_DEBUG = 7;     // whole texts, with what is secret in them
+constexpr int LEVEL_DEBUG = 7;     // whole texts, and what is secret
 
 // Output modes.
 constexpr int LOG_TO_NONE = 0;
@@ -45,6 +46,9 @@ int log_set_output(int mode);
 // Components 0 to 4; -1 for another.
 int log_set_level(int component, int level);
 int log_get_level(int component);
+// Whether lines may hold passwords, tokens and keys: from LEVEL_DEBUG of LOG_SERVICE on. Others
+// hold their length only, since the files are readable for everybody.
+bool log_shows_secrets();
 // Instead of log_init and log_set_output, in a process beside the daemon: lines go behind what the
 // files hold, and the daemon alone sets them aside.
 void log_join();
@@ -57,6 +61,8 @@ void log_close();
 // no line number.
 int log_msg(int component, int level, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
+// A text that holds secrets, or "length N" in its place.
+int log_secret(int component, int level, const char* function, int line, std::string_view text);
 // The same without a function name.
 int log_plain(int component, int level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <strings.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -25,6 +26,7 @@ constexpr size_t SERVER_SIZE = 100;
 constexpr uint16_t DNS_PORT = 53;
 constexpr int ANSWER_SECONDS = 3;
 constexpr uint16_t TYPE_A = 1;
+constexpr uint16_t TYPE_CNAME = 5;
 constexpr uint16_t CLASS_IN = 1;
 constexpr size_t QUESTION_TAIL = 4;  // type and class
 constexpr size_t RECORD_TAIL = 10;   // type, class, TTL and data length
@@ -146,31 +148,25 @@ bool is_answer(const dns_header& header, uint32_t id) {
     return header.id == id && header.qr == 1 && header.rcode == 0 && header.ancount >= 1;
 }
 
-// Walks questions and answers; the last address wins. 0 or -1.
-int take_address(dns_message reply, uint32_t id, char (*out)[IPV4_TEXT_SIZE]) {
-    dns_header header = {};
-    if (dns_unpack_header(reply, &header) < 0 || !is_answer(header, id)) {
-        return FAILED;
-    }
-    size_t offset = DNS_HEADER_SIZE;
-    for (uint32_t i = 0; i < header.qdcount; i++) {
-        const int length = dns_skip_question(reply, offset);
+bool skip_questions(dns_message reply, uint32_t count, size_t* offset) {
+    for (uint32_t i = 0; i < count; i++) {
+        const int length = dns_skip_question(reply, *offset);
         if (length < 0) {
-            return FAILED;
+            return false;
         }
-        offset += static_cast<size_t>(length);
+        *offset += static_cast<size_t>(length);
     }
-    for (uint32_t i = 0; i < header.ancount; i++) {
-        dns_record record = {};
-        const int length = dns_parse_rr(reply, offset, &record);
-        const bool is_address = record.type == TYPE_A;
-        if (length < 0 || (is_address && record.length < ADDRESS_SIZE)) {
-            return FAILED;
-        }
-        if (is_address) {
-            dns_format_ipv4(record.data, out);
-        }
-        offset += static_cast<size_t>(length);
+    return true;
+}
+
+// Takes one record of the name that is being followed, which an alias exchanges. 0 or -1.
+int take_record(dns_message reply, const dns_record& record, char (*name)[DNS_NAME_SIZE],
+                char (*out)[IPV4_TEXT_SIZE]) {
+    if (record.type == TYPE_CNAME) {
+        return dns_decode_name(reply, record.offset, *name, sizeof *name) < 0 ? FAILED : 0;
+    }
+    if (record.type == TYPE_A) {
+        dns_format_ipv4(record.data, out);
     }
     return 0;
 }
@@ -199,11 +195,43 @@ int dns_lookup(const char* host, char (*out)[IPV4_TEXT_SIZE]) {
     }
     const dns_message query(work->query, static_cast<size_t>(length));
     for (const auto& server : servers) {
-        if (take_address(ask(server, query, work.get()), id, out) == 0) {
+        if (dns_take_address(ask(server, query, work.get()), id, query, out) == 0) {
             return 0;
         }
     }
     return FAILED;
+}
+
+int dns_take_address(dns_message reply, uint32_t id, dns_message query,
+                     char (*out)[IPV4_TEXT_SIZE]) {
+    char name[DNS_NAME_SIZE] = {};
+    char address[IPV4_TEXT_SIZE] = {};
+    dns_header header = {};
+    size_t offset = DNS_HEADER_SIZE;
+    if (dns_decode_name(query, offset, name, sizeof name) < 0 ||
+        dns_unpack_header(reply, &header) < 0 || !is_answer(header, id) ||
+        !skip_questions(reply, header.qdcount, &offset)) {
+        return FAILED;
+    }
+    int result = FAILED;  // while nothing speaks of the name
+    for (uint32_t i = 0; i < header.ancount; i++) {
+        dns_record record = {};
+        const int length = dns_parse_rr(reply, offset, &record);
+        if (length < 0 || (record.type == TYPE_A && record.length < ADDRESS_SIZE)) {
+            return FAILED;
+        }
+        if (record.klass == CLASS_IN && strcasecmp(record.name, name) == 0) {
+            result = take_record(reply, record, &name, &address);
+            if (result != 0) {
+                return FAILED;
+            }
+        }
+        offset += static_cast<size_t>(length);
+    }
+    if (result == 0 && !is_empty(address)) {
+        set_text(*out, address);
+    }
+    return result;
 }
 
 int dns_pack_header(const dns_header& header, uint8_t* out, size_t room) {

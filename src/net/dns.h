@@ -50,8 +50,15 @@ using dns_message = std::span<const uint8_t>;
 void set_dns_servers(const char* first, const char* second, const char* third);
 
 // Asks each server once, 3 seconds each, for an address of host; the last A record of the first
-// good answer wins. 0 (out untouched when the answer held no A record) or -1.
+// answer that speaks of host wins. 0 (out untouched when that held no A record) or -1.
 [[nodiscard]] int dns_lookup(const char* host, char (*out)[IPV4_TEXT_SIZE]);
+
+// The address in the reply to a query with this id. Only records of the queried name count, and of
+// the aliases (CNAME) that lead from it, each before what it leads to; upper and lower case are the
+// same. The last A record wins. 0 (out untouched when there was none), or -1 for a bad reply and
+// for one that does not speak of the name.
+[[nodiscard]] int dns_take_address(dns_message reply, uint32_t id, dns_message query,
+                                   char (*out)[IPV4_TEXT_SIZE]);
 
 // The pieces. Results are bytes written or used, -1 when there is no room or the message is bad.
 int dns_pack_header(const dns_header& header, uint8_t* out, size_t room);

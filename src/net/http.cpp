@@ -88,7 +88,7 @@ void drop_answer(int count, json_ptr* json) {
 void take_answer(const char* answer, size_t count, FILE* file, json_ptr* json, char* header) {
     constexpr const char* name = "https_handle_request_save_header";
     log_msg(LOG_API, LEVEL_TRACE, name, __LINE__, "*********recv response*********");
-    log_msg(LOG_API, LEVEL_TRACE, name, __LINE__, "%s", answer);
+    log_secret(LOG_API, LEVEL_TRACE, name, __LINE__, {answer, count});
     const std::string_view body = split_answer({answer, count}, header);
     if (json != nullptr) {
         *json = parse_json(body.data());
@@ -222,7 +222,7 @@ int https_handle_request_save_header(https_conn* conn, const char* request, cons
         return ERR_NOT_CONNECTED;
     }
     log_msg(LOG_API, LEVEL_TRACE, __func__, __LINE__, "*********send request*********");
-    log_msg(LOG_API, LEVEL_TRACE, __func__, __LINE__, "%s", request);
+    log_secret(LOG_API, LEVEL_TRACE, __func__, __LINE__, request);
     if (send_https_str(conn, request) != 0) {
         log_err(__func__, __LINE__, "send_https fail");
         close_https(conn);

@@ -15,17 +15,16 @@ long long now_ms();
 // The instant so many seconds from now.
 long long deadline_in(long long seconds);
 
-constexpr long long NO_DEADLINE = -1;
-
 // Waits for events (POLLIN, POLLOUT) until a deadline of now_ms(); an interrupted wait goes on. 0
 // when the socket is marked, also by an error or a hang-up, which the next read or write will
 // tell; else -1 with errno set: ETIMEDOUT after a wait in vain.
 [[nodiscard]] int wait_until(int socket, short events, long long deadline);
 
-// When a send that begins now has to be over: ten times conn_timeout, which is 10 s at least.
+// When a send that begins now has to be over: ten times the wait that conn_timeout gives, which is
+// 10 s at least.
 long long send_deadline();
-// Waits for events before the next step of a send that may take until end. False after
-// conn_timeout seconds, 10 at least, in vain, and when the time is over.
+// Waits for events before the next step of a send that may take until end. False after such a wait
+// in vain, and when the time is over.
 [[nodiscard]] bool wait_to_send(int socket, short events, long long end);
 
 // A non-blocking IPv4 stream socket. -1 when there is none, which is logged for function.

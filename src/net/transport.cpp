@@ -27,6 +27,7 @@ namespace {
 constexpr int MSS_ABOVE = 512;   // tcp_mss is applied between
 constexpr int MSS_BELOW = 1420;  // these two
 constexpr int MIN_IO_SECONDS = 10;
+constexpr int MAX_WAIT_SECONDS = 120;
 constexpr long long SEND_LIMIT = 10;  // the time of so many full waits is all a send may take
 
 void apply_mss(int socket) {
@@ -44,7 +45,7 @@ bool is_again(int error) {
 
 // How long a single write may make no headway.
 int io_seconds() {
-    return std::max(pluginmgr_config.conn_timeout, MIN_IO_SECONDS);
+    return std::max(limited_wait(pluginmgr_config.conn_timeout), MIN_IO_SECONDS);
 }
 
 // What a pending connect came to, once the socket is writable. 0, or -1 with errno.
@@ -108,10 +109,7 @@ long long deadline_in(long long seconds) {
 
 int wait_until(int socket, short events, long long deadline) {
     for (;;) {
-        int limit = -1;
-        if (deadline != NO_DEADLINE) {
-            limit = static_cast<int>(std::clamp<long long>(deadline - now_ms(), 0, INT_MAX));
-        }
+        const auto limit = static_cast<int>(std::clamp<long long>(deadline - now_ms(), 0, INT_MAX));
         pollfd watched = {socket, events, 0};
         const int ready = poll(&watched, 1, limit);
         if (ready > 0) {
@@ -125,6 +123,10 @@ int wait_until(int socket, short events, long long deadline) {
             return FAILED;
         }
     }
+}
+
+int limited_wait(int seconds) {
+    return seconds > 0 ? std::min(seconds, MAX_WAIT_SECONDS) : MAX_WAIT_SECONDS;
 }
 
 long long send_deadline() {
@@ -188,8 +190,7 @@ int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seco
         if (errno != EINPROGRESS && errno != EINTR && errno != 0) {
             return FAILED;
         }
-        const long long deadline = seconds == 0 ? NO_DEADLINE : deadline_in(seconds);
-        if (wait_until(socket, POLLOUT, deadline) != 0) {
+        if (wait_until(socket, POLLOUT, deadline_in(limited_wait(seconds))) != 0) {
             const int reason = errno;
             if (reason != ETIMEDOUT) {
                 (void)fputs("select error: sockfd not set", stderr);

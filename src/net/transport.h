@@ -41,7 +41,11 @@ void ssl_library_init();
 // conn and its dotted text in text (text_size bytes), each when given. 0 or ERR_RESOLVE.
 [[nodiscard]] int dns_resove(const char* host, https_conn* conn, char* text, size_t text_size);
 
-// Connects a non-blocking socket within seconds; 0 is no limit. 0, or -1 with errno set.
+// The seconds that are waited where the setting conn_timeout says so many: 120 at most, and 120
+// also for 0 and less. Whoever may set it cannot make a thread wait for ever.
+[[nodiscard]] int limited_wait(int seconds);
+
+// Connects a non-blocking socket within limited_wait(seconds). 0, or -1 with errno set.
 [[nodiscard]] int connect_nonb(int socket, const sockaddr* address, socklen_t length, int seconds);
 
 // 0 when socket became readable within the seconds, else -1 with errno (ETIMEDOUT).

@@ -12,6 +12,7 @@
 #include "log/tb_log.h"
 #include "net/dns.h"
 #include "net/transfer.h"
+#include "net/transport.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ void build_fetch(const char* url, const char* target, long long limit, fetch_com
                                             target,
                                             std::to_string(limit),
                                             std::to_string(log_get_level(LOG_API)),
-                                            std::to_string(config.conn_timeout),
+                                            std::to_string(limited_wait(config.conn_timeout)),
                                             config.tcp_mss,
                                             config.dns1,
                                             config.dns2,

@@ -68,7 +68,7 @@ SEEDS = {
     "datagram": [bytes([mode]) + HEADER + query + END + account + END + text
                  for mode, account, text in ((13, ACCOUNT, ANSWERS[0]), (46, b"", ANSWERS[1]),
                                              (31, b"[]", ANSWERS[4]), (13, b"", LONG)) for query in QUERIES],
-    "dns": [b"\x0c" + DNS % 1 + QUESTION + ADDRESS, b"\x0c" + DNS % 2 + QUESTION + ALIAS + ADDRESS,
+    "dns": [b"\x0c" + DNS % 1 + QUESTION + ADDRESS, b"\x0c" + DNS % 2 + QUESTION + ALIAS + b"\xc0\x11" + ADDRESS[2:],
             b"\x0c" + DNS % 1 + b"\xc0\x0c\0\1\0\1" + ADDRESS],
     "encode": [b"\x10Hello, W\xc3\xb6rld %+/?", b"\xff0123456789ab", b"\x00"],
     "files": [value + END + HOSTS for value in

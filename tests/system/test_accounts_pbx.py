@@ -290,7 +290,7 @@ def lines_with(secret):
 
 
 def test_passwords_are_not_kept(platform, device):
-    """The SIP password is shown once. The account's is logged by its own line, from level 1 on."""
+    """The SIP password is shown once, the account's not at all."""
     start_attached(platform, device, loglevel=1)
     for _ in range(2):
         assert device.query(CONFIG).text == spaced(OK | {"config": platform.cloud.sip_config})
@@ -308,7 +308,35 @@ def test_passwords_are_not_kept(platform, device):
     assert account(device)[1:] == ["1001", "sip.cloud.example"]
     platform.cloud.accounts = {"alice": "hush"}
     assert device.replies(LOGIN.replace("secret", "hush")) == [OK]
-    assert [line.rpartition(" - ")[2] for line in lines_with("hush")] == ["id80004=hush, len=4"]
+    assert lines_with("hush") == []
+
+
+@pytest.mark.parametrize("level", [1, 6, 7])
+def test_secrets_are_logged_from_level_7_on(platform, device, level):
+    """Below it the lines have lengths, also those of whole requests and answers."""
+    start_attached(platform, device, loglevel=level, active_token=OWNER)
+    platform.cloud.accounts, platform.cloud.vcodes = {"somebody": "hush-hush"}, {"v-1-2-3-4"}
+    platform.cloud.active_tokens.add("another-token")
+    platform.api.answer(READ, coded(1004), times=1)
+    platform.cloud.qr_scanned = True
+    for query in (GET + "80011", SET + "id80003=somebody&id80004=hush-hush&id80002=true",
+                  SET + "id80007=another-token&id80002=true", ACTION + "device_vcode=v-1-2-3-4", QR, CHECK, CONFIG):
+        assert device.query(query).json()["code"] == 0, query
+    platform.wait_request("POST *activate")
+    lines = [line for folder in ("/var/log/",) for name in os.listdir(folder) if name.startswith("plugin")
+             for line in read_text(folder + name).splitlines()]
+    carried = [basic(text).split()[1] for text in (
+        "key-of-the-device:x-auth-device", "another-token:", platform.cloud.login_token + ":")]
+    secrets = [OWNER, "another-token", "key-of-the-device", platform.cloud.login_token, TOKEN, "somebody",
+               "hush-hush", "v-1-2-3-4", "sip-secret", "qr12345678"] + carried
+    found = {secret for secret in secrets if any(secret in line for line in lines)}
+    assert found == (set(secrets) if level == 7 else set())
+    texts = {line.rpartition(" - ")[2] for line in lines}
+    for text in ("id80003=, len=8", "id80004=, len=9", "id80007=, len=13", " active_token length 18",
+                 " device_key length 17", " set device_key length 17", " set active_token length 13",
+                 " set quorvel_token length 16"):
+        assert (text in texts or text.strip() in texts) == (level < 7), text
+    assert any(text.startswith("length ") for text in texts) == (level == 6), "requests and answers"
 
 
 def state(user, server, registered="true", reachable="true", **status):

@@ -247,6 +247,38 @@ def test_other_messages_are_ignored(platform, alone):
     assert tell(struct.pack("=I", DEVICE_CODE)) == [message(DEVICE_CODE, rest=b"")]  # the rest counts as zeros
 
 
+def busy_ticks(pid, seconds=0.5):
+    """Hundredths of a second of processor time that a process takes in a while."""
+    def ticks():
+        return sum(map(int, read_text(f"/proc/{pid}/stat").rpartition(")")[2].split()[11:13]))
+    before = ticks()
+    time.sleep(seconds)
+    return ticks() - before
+
+
+def test_no_answer_to_itself(alone):
+    """A sender that has become a link to the daemon's socket, and one that shares its port."""
+    path, pid = LAB + "turned_ctl", alone.pid()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as one:
+        one.bind(path)
+        os.kill(pid, signal.SIGSTOP)
+        one.sendto(message(DEVICE_CODE), CONTROL_SOCKET)  # refused by an answer of the same type
+        os.unlink(path)
+        os.symlink(CONTROL_SOCKET, path)
+        os.kill(pid, signal.SIGCONT)
+        assert busy_ticks(pid) < 15, "by the socket"
+    os.unlink(path)
+    loop = "method=gw.config.get&id=80037"
+    start_alone(alone, user_sipserver=loop)
+    assert loop in str(alone.query(loop))
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as one:
+        one.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        one.bind(CONTROL_PORT)
+        one.connect(("127.0.0.9", 9))  # so that what comes from the port is not for this one
+        one.sendto(request(loop), CONTROL_PORT)
+    assert busy_ticks(alone.pid()) < 15, "by the port"
+
+
 def test_log_level_from_the_agent(alone):
     """Components 0 to 3 take any level; 4, whose sign are these lines, only from 5 on."""
     def lines(level):

@@ -210,7 +210,8 @@ def test_own_resolver_at_dnsmasq(device, kind):
 
 
 BAD_REPLIES = {"silent": Reply(silent=True), "other id": Reply(id_shift=1), "a query": Reply(is_query=True),
-               "failure": Reply(rcode=2), "empty": Reply(addresses=[]), "loop": Reply(pointer_loop=True),
+               "failure": Reply(rcode=2), "empty": Reply(addresses=[]), "another name": Reply(owner="evil.example", addresses=["127.0.0.9"]),
+               "loop": Reply(pointer_loop=True),
                "half a header": Reply(cut_after=11), "half a record": Reply(cut_after=50)}
 
 

@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 from lab.deployment import VERSION
-from lab.device import AGENT_INI, CONTROL_PORT, RESTARTED, plugin_files, write_text
+from lab.device import AGENT_INI, CONTROL_PORT, HEADER, RESTARTED, plugin_files, write_text
 from lab.package import build
 from lab.platform import Answer
 
@@ -149,6 +149,39 @@ def test_nobody_answers(device):
         mute.bind(CONTROL_PORT)
         code, out, error = run("status", "--timeout", "0.3")
         assert (code, out) == (NOBODY, "") and "no answer in time" in error
+
+
+HOSTILE = "\x1b]0;owned\x07 \x7f \x9b2J \u202e \u2066 \u061c \u200f \u2028 \u00e4\u4e2d\U0001f600"
+REPLIES = {  # of the bytes that come, what JSON is printed; None: that they are none
+    b'{"id80000": "a\\u001b\\n",\n"x":[-1.5e+3,0,true,null,{}]}': {
+        "id80000": "a\x1b\n", "x": [-1500.0, 0, True, None, {}]},
+    b'{"id80000":"%s"}' % HOSTILE.encode(): {"id80000": HOSTILE},
+    b'{"id80000":"\x9b2J\xff\xc0\xaf\xed\xa0\x80\xe4"}': {"id80000": "\ufffd2J" + 7 * "\ufffd"},
+    b"": None, b"\x1b[2J": None, b"ok": None, b'{"id80000":"a"': None, b'{"a":NaN}': None, b"{'a':1}": None,
+    b'{"a":1,}': None, b'{"a":01}': None, b'{"a":1.}': None, b'{"a":"\\x"}': None, b'{"a":1}/**/': None,
+    b"[" * 3000: None, b'{"a":1}{"b":"\x1b"}': None}
+
+
+def run_with_reply(reply, *words):
+    """What pluginctl prints when this is what pluginmgr answers."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as daemon:
+        daemon.bind(CONTROL_PORT)
+        process = start(*words)
+        request, client = daemon.recvfrom(4096)
+        daemon.sendto(HEADER.pack(b"", HEADER.unpack_from(request)[1], 0, 0, 0, 0, 0) + reply, client)
+        return process.communicate(timeout=10)
+
+
+def test_foreign_texts_neither_steer_a_terminal_nor_break_json(device):
+    obeyed = "[\0-\x09\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]"
+    for reply, expected in REPLIES.items():
+        out, error = run_with_reply(reply, "--json", "get", "80000")
+        assert not re.search(obeyed, out + error), (reply, out, error)
+        value = json.loads(out)
+        assert value == expected or expected is None and value["result"] == "error", (reply, out)
+        out, error = run_with_reply(reply, "get", "80000")
+        assert not re.search(obeyed, out + error), (reply, out, error)
+        assert expected is None or out.startswith(("a??", "?]0;owned?", "?2J???????\n")), (reply, out)
 
 
 def test_usage_errors_and_help_need_nobody(device):

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <memory>
 #include <string>
@@ -27,6 +28,7 @@
 #include "net/socket_io.h"
 #include "net/transfer.h"
 #include "scratch.h"
+#include "upgrade/fetch.h"
 
 namespace {
 
@@ -288,6 +290,32 @@ TEST_F(net, applies_segment_sizes_inside_the_limits) {
     EXPECT_LE(segment_size_with("513"), 513);
     EXPECT_LE(segment_size_with("1419"), 1419);
     EXPECT_GT(segment_size_with("1420"), 1420);
+}
+
+TEST_F(net, no_setting_makes_a_connect_wait_for_ever_or_not_at_all) {
+    const int rows[][2] = {{1, 1},         {15, 15}, {120, 120}, {121, 120},
+                           {INT_MAX, 120}, {0, 120}, {-1, 120},  {INT_MIN, 120}};
+    for (const auto& [stored, waited] : rows) {
+        EXPECT_EQ(limited_wait(stored), waited) << stored;
+        pluginmgr_config.conn_timeout = stored;
+        fetch_command command;
+        build_fetch("", "", 0, &command);
+        EXPECT_EQ(command.words[5], std::to_string(waited)) << stored;
+        EXPECT_LE(send_deadline() - now_ms(), 1'200'000) << stored;
+    }
+    // The queue of one is full: a second connection comes about after the first was accepted and
+    // its request is sent again.
+    loopback_socket server;
+    ASSERT_EQ(listen(server.fd.get(), 0), 0);
+    const unique_fd first(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const unique_fd second(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(connect(first.get(), server.name(), sizeof server.address), 0);
+    std::thread acceptor([&server] {
+        usleep(100'000);
+        const unique_fd accepted(accept4(server.fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    });
+    EXPECT_EQ(connect_nonb(second.get(), server.name(), sizeof server.address, -1), 0);
+    acceptor.join();
 }
 
 TEST_F(net, a_failed_connect_forgets_the_address_and_a_failed_handshake_does_not) {

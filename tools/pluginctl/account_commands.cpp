@@ -8,6 +8,7 @@
 #include "base/json.h"
 #include "commands.h"
 #include "restart.h"
+#include "safe_text.h"
 #include "secret.h"
 #include "words.h"
 

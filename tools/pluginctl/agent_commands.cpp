@@ -16,6 +16,7 @@
 #include "control/agent_messages.h"
 #include "control_socket.h"
 #include "device/ipc.h"
+#include "safe_text.h"
 #include "words.h"
 
 namespace {
@@ -37,7 +38,7 @@ int no_answer(ending end) {
 void print_one(const char* key, const std::string& value) {
     const json_ptr object(json_object_new_object());
     json_object_object_add(object.get(), key, json_object_new_string(value.c_str()));
-    print_as_it_came(json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN));
+    print_json(json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN));
 }
 
 // Prints an answer's text; refusal is what an empty one means.

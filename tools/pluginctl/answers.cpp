@@ -9,6 +9,7 @@
 #include "base/json.h"
 #include "base/text.h"
 #include "control/boa_protocol.h"
+#include "safe_text.h"
 #include "words.h"
 
 void complain(const char* format, ...) {
@@ -52,6 +53,9 @@ int code_of(const std::string& reply) {
 }
 
 int judge_code(const std::string& reply) {
+    if (parse_json(reply.c_str()) == nullptr) {
+        return unreadable(reply);
+    }
     const int code = code_of(reply);
     if (code != 0) {
         complain("pluginmgr answered with code %d: %s", code, code_words(code));
@@ -59,8 +63,8 @@ int judge_code(const std::string& reply) {
     return code == 0 ? EXIT_DONE : EXIT_NOT_DONE;
 }
 
-void print_as_it_came(const std::string& reply) {
-    printf("%s\n", reply.c_str());
+void print_json(const std::string& reply) {
+    printf("%s\n", safe_json(reply).c_str());
 }
 
 int request(const command_context& context, const std::string& query, std::string* reply) {
@@ -72,7 +76,7 @@ int request(const command_context& context, const std::string& query, std::strin
         return nobody(end);
     }
     if (context.json) {
-        print_as_it_came(*reply);
+        print_json(*reply);
     }
     return judge_code(*reply);
 }

@@ -22,10 +22,12 @@ int unreadable(const std::string& reply);
 // The "code" of a reply; 0 for one without.
 [[nodiscard]] int code_of(const std::string& reply);
 
-// EXIT_DONE, or EXIT_NOT_DONE for a reply with a code other than 0, which is told in words.
+// EXIT_DONE, or EXIT_NOT_DONE, told in words, for a reply with a code other than 0 and for one that
+// is no JSON.
 int judge_code(const std::string& reply);
 
-void print_as_it_came(const std::string& reply);
+// Prints a reply as one line of JSON, whatever it holds.
+void print_json(const std::string& reply);
 
 // Sends a query that has one answer with a code. EXIT_DONE, or the exit status, told. The answer
 // is in reply when there was one, and printed in JSON mode. A query that is too long is refused.

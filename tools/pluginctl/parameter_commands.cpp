@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "plugins.h"
 #include "restart.h"
+#include "safe_text.h"
 #include "words.h"
 
 namespace {
@@ -41,7 +42,7 @@ int show_values(const command_context& context, const std::string& reply, int id
     const auto list = read_plugins(reply);
     const json_ptr value = parse_json(reply.c_str());
     if (context.json) {
-        print_as_it_came(reply);
+        print_json(reply);
     } else if (list) {
         print_plugins(*list);
     } else if (json_object_is_type(value.get(), json_type_object)) {
@@ -126,7 +127,7 @@ bool show_set_replies(const command_context& context, const std::vector<int>& id
         const int code = code_of(replies[i]);
         done = done && code == 0;
         if (context.json) {
-            print_as_it_came(replies[i]);
+            print_json(replies[i]);
         } else if (code == 0) {
             printf("%d: done\n", ids[i]);
         }
@@ -219,7 +220,7 @@ int run_raw(const command_context& context, arguments words) {
     }
     int result = EXIT_DONE;
     for (const std::string& reply : replies) {
-        print_as_it_came(reply);
+        print_json(reply);
         result = std::max(result, judge_code(reply));
     }
     return result;

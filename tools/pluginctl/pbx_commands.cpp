@@ -14,6 +14,7 @@
 #include "cloud/pbx.h"
 #include "commands.h"
 #include "qr_image.h"
+#include "safe_text.h"
 #include "screen.h"
 #include "secret.h"
 #include "words.h"
@@ -104,7 +105,7 @@ int wait_for_scan(const command_context& context, const std::string& token) {
         }
         clear_screen_line(&out);
         if (context.json) {
-            print_as_it_came(reply);
+            print_json(reply);
         }
         const int result = judge_code(reply);
         if (result != EXIT_DONE && late) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "base/json.h"
+#include "safe_text.h"
 #include "words.h"
 
 namespace {

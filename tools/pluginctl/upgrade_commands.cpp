@@ -11,6 +11,7 @@
 #include "base/text.h"
 #include "commands.h"
 #include "plugins.h"
+#include "safe_text.h"
 #include "screen.h"
 #include "watch.h"
 #include "words.h"
@@ -78,7 +79,7 @@ void print_outcome(const judgement& outcome, const upgrade_watch& watch, double 
     json_object_object_add(top, "pluginNewVersion", text(watch.target));
     json_object_object_add(top, "status", json_object_new_int(watch.last.status));
     json_object_object_add(top, "seconds", json_object_new_int(static_cast<int>(seconds)));
-    print_as_it_came(json_object_to_json_string_ext(top, JSON_C_TO_STRING_PLAIN));
+    print_json(json_object_to_json_string_ext(top, JSON_C_TO_STRING_PLAIN));
 }
 
 int watch_upgrade(const command_context& context, const plugin& entry) {
@@ -185,7 +186,8 @@ int run_status(const command_context& context, arguments) {
         return nobody(end);
     }
     if (context.json) {
-        printf("{\"state\":%s,\"plugins\":%s}\n", state.c_str(), plugins.c_str());
+        printf("{\"state\":%s,\"plugins\":%s}\n", safe_json(state).c_str(),
+               safe_json(plugins).c_str());
         return EXIT_DONE;
     }
     const json_ptr value = parse_json(state.c_str());
@@ -222,7 +224,7 @@ int run_check(const command_context& context, arguments) {
     }
     const int result = ended ? EXIT_DONE : EXIT_NOT_DONE;
     if (context.json) {
-        print_as_it_came(reply);
+        print_json(reply);
         return result;
     }
     const auto list = read_plugins(reply);

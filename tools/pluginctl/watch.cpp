@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "base/json.h"
+#include "safe_text.h"
 #include "words.h"
 
 namespace {

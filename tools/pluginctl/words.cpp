@@ -147,16 +147,6 @@ std::string size_words(long long bytes) {
     return text;
 }
 
-std::string printable(std::string_view text) {
-    std::string shown(text);
-    for (char& c : shown) {
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
-            c = '?';
-        }
-    }
-    return shown;
-}
-
 size_t cells(std::string_view text) {
     size_t count = 0;
     for (const char c : text) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The control protocol's numbers in words, and text made fit for a terminal. No state.
+// The control protocol's numbers in words. No state.
 #pragma once
 
 #include <string>
@@ -31,9 +31,6 @@ extern const int SET_REPLY_ORDER[];
 
 // "0 B", "1.5 KiB", "10.0 MiB".
 [[nodiscard]] std::string size_words(long long bytes);
-
-// Text from elsewhere without what a terminal would obey: control characters become '?'.
-[[nodiscard]] std::string printable(std::string_view text);
 
 // Character cells that a UTF-8 text takes, wide characters counted as one.
 [[nodiscard]] size_t cells(std::string_view text);
