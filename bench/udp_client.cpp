@@ -104,7 +104,7 @@ void ask_all(client* one, int id) {
 
 bool prepare(std::vector<client>* clients, uint16_t port, size_t count) {
     for (client& one : *clients) {
-        one.fd = unique_fd(connect_to(port));
+        one.fd.reset(connect_to(port));
         one.times.resize(std::max<size_t>(count / clients->size(), 1));
         if (!one.fd) {
             perror("udp_client");

@@ -66,8 +66,7 @@ def memory_file(text):
 def isolation():
     return ["--unshare-user", "--uid", "0", "--gid", "0", "--unshare-pid", "--unshare-net",
             "--unshare-ipc", "--unshare-uts", "--hostname", "device", "--cap-add", "ALL",
-            "--die-with-parent", "--proc", "/proc", "--dev", "/dev",
-            "--dev-bind-try", "/dev/net/tun", "/dev/net/tun"]  # of lab.link
+            "--die-with-parent", "--proc", "/proc", "--dev", "/dev"]
 
 
 def system_folders():

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Which lines of src/ the unit tests, the system tests and the crash points reach.
 
-    python3 tests/coverage.py [--report]
+    python3 tests/coverage.py [--llvm VERSION] [--report]
 
 Runs all of them on the coverage build and prints a table by folder. build/coverage/missed.txt has
 every line that was not reached, those that hand on or log a failure first; html/ beside it shows
@@ -27,7 +27,11 @@ SYSTEM, TORTURE = ROOT / "build" / "test", ROOT / "build" / "torture"  # where t
 FAILURE = re.compile(r"return (?!0;|true|nullptr;|;)|goto |log_err|log_msg")
 
 
-def run_all():
+def llvm(tool, version):
+    return f"llvm-{tool}-{version}" if version else f"llvm-{tool}"
+
+
+def run_all(version):
     """Whether one of the three kinds of runs failed; it has counted its lines all the same."""
     shutil.rmtree(RAW, ignore_errors=True)
     shutil.rmtree(TORTURE, ignore_errors=True)
@@ -38,12 +42,12 @@ def run_all():
             [PYTHON, "-m", "lab.torture.run", "--build", BUILD, "crash"])
     failed = [subprocess.run(one, cwd=ROOT, env=environment, check=False).returncode for one in runs]
     counters = [path for folder in (RAW, SYSTEM, TORTURE) for path in folder.rglob("*.profraw")]
-    subprocess.run(["llvm-profdata-14", "merge", "-sparse", "-o", MERGED, *counters], check=True)
+    subprocess.run([llvm("profdata", version), "merge", "-sparse", "-o", MERGED, *counters], check=True)
     return any(failed)
 
 
-def llvm_cov(verb, *options):
-    command = ["llvm-cov-14", verb, str(BUILD / "pluginmgr"), f"--instr-profile={MERGED}",
+def llvm_cov(version, verb, *options):
+    command = [llvm("cov", version), verb, str(BUILD / "pluginmgr"), f"--instr-profile={MERGED}",
                f"--compilation-dir={ROOT}", "--ignore-filename-regex=/generated/", *options]
     return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
 
@@ -81,9 +85,9 @@ def write_missed(lines, branches):
                                  "", "# other lines not reached", *others, ""]))
 
 
-def report():
-    lines, branches = lines_of(llvm_cov("export", "--format=lcov"))
-    llvm_cov("show", "--format=html", f"--output-dir={BUILD / 'html'}")
+def report(version):
+    lines, branches = lines_of(llvm_cov(version, "export", "--format=lcov"))
+    llvm_cov(version, "show", "--format=html", f"--output-dir={BUILD / 'html'}")
     write_missed(lines, branches)
     folders = collections.defaultdict(lambda: [0, 0])
     for name, counts in lines.items():
@@ -100,8 +104,10 @@ def report():
 def main(arguments):
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("--report", action="store_true", help="print the last run again")
-    failed = 0 if parser.parse_args(arguments).report else run_all()
-    report()
+    parser.add_argument("--llvm", metavar="VERSION", help="of the build's compiler, e.g. 14")
+    chosen = parser.parse_args(arguments)
+    failed = 0 if chosen.report else run_all(chosen.llvm)
+    report(chosen.llvm)
     return 1 if failed else 0
 
 

@@ -1,15 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs every test of the project and closes with the line 'N passed, N failed'.
+"""Runs every test of the project and closes with the line 'N passed, N failed', with ', N skipped'
+behind it if there are any.
 
 The unit tests run as they are and under ASan and UBSan; each file of tests/system runs in a
 sandbox of its own, several side by side, for they mostly sleep; what has to be built for the
 others is built meanwhile. Each fuzz target runs for a few seconds and counts as one test. What a
 run leaves (output, JUnit results, logs of failed tests) is in build/test/.
 
-    python3 tests/run.py [--build PRESET] [FILE...]
+    python3 tests/run.py [--build PRESET] [--skip-unavailable] [FILE...]
 
 --build runs the system tests on the daemon of another preset (asan, tsan); what its sanitizer
-reports fails the file. FILEs are system test files to run alone.
+reports fails the file. FILEs are system test files to run alone, by path or name (test_boot). What
+lacks a compiler is skipped, a job counting as one; with --skip-unavailable also what this machine's
+kernel does not allow: single tests, or all that runs in a sandbox.
 """
 
 import argparse
@@ -35,6 +38,9 @@ SANITIZERS = {
                     "atexit_sleep_ms=0 suppressions=/lab-src/tests/tsan.supp",
 }
 FUZZ = ROOT / "tests" / "fuzz"
+SYSTEM = ROOT / "tests" / "system"
+SANDBOX = [PYTHON, str(ROOT / "lab" / "sandbox.py")]
+SKIPPED = 77  # ./dev's status when something is not installed
 FUZZ_SECONDS = 4
 SANDBOXES = 3 * (os.cpu_count() or 2)
 
@@ -47,6 +53,20 @@ class Job:
     results: pathlib.Path | None = None  # JUnit; without it the exit status tells
     then: list = dataclasses.field(default_factory=list)
     is_test: bool = True
+
+    def tests(self):
+        """How many test jobs it is with those that follow it."""
+        return self.is_test + sum(after.tests() for after in self.then)
+
+
+@dataclasses.dataclass
+class Result:
+    """What came of a job."""
+    output: str = ""
+    passed: int = 0
+    failed: int = 0
+    skipped: int = 0
+    seconds: float = 0.0
 
 
 def build_job(preset, *then):
@@ -62,14 +82,13 @@ def unit_job(preset):
     return Job(f"unit {preset}", command, results)
 
 
-def system_job(path, preset):
+def system_job(path, preset, options):
     """One file of system tests in a sandbox of its own."""
     out = OUT / path.stem
     out.mkdir()
-    command = [PYTHON, str(ROOT / "lab" / "sandbox.py"), "--out", str(out), "--build",
-               str(ROOT / "build" / preset), "--", PYTHON, "-m", "pytest", "-q", "-p",
-               "no:cacheprovider", "--junit-xml=/lab-out/results.xml",
-               f"/lab-src/tests/system/{path.name}"]
+    command = [*SANDBOX, "--out", str(out), "--build", str(ROOT / "build" / preset), "--", PYTHON,
+               "-m", "pytest", "-q", "-p", "no:cacheprovider", "--junit-xml=/lab-out/results.xml",
+               *options, f"/lab-src/tests/system/{path.name}"]
     return Job(f"system {path.stem}", command, out / "results.xml")
 
 
@@ -80,20 +99,17 @@ def fuzz_job(target):
 
 
 def counts(results):
-    """Passed and failed tests of a JUnit file; a file that is not there is one failure."""
+    """Passed, failed and skipped tests of a JUnit file; a file that is not there is one failure."""
     if not results.exists():
-        return 0, 1
-    passed = failed = 0
-    for case in xml.parse(results).iter("testcase"):
-        bad = case.find("failure") is not None or case.find("error") is not None
-        skipped = case.find("skipped") is not None
-        failed += bad
-        passed += not bad and not skipped
-    return passed, failed
+        return 0, 1, 0
+    kinds = [next((kind for kind in ("failure", "error", "skipped") if case.find(kind) is not None), "")
+             for case in xml.parse(results).iter("testcase")]
+    skipped, passed = kinds.count("skipped"), kinds.count("")
+    return passed, len(kinds) - passed - skipped, skipped
 
 
 def run(job):
-    """Runs one job; returns its output, counts and seconds."""
+    """Runs one job; its result."""
     in_sandbox = job.results is not None and job.results.parent != OUT
     environment = os.environ | (SANITIZERS if in_sandbox else {})
     began = time.monotonic()
@@ -103,13 +119,16 @@ def run(job):
         output, code = done.stdout.decode(errors="replace"), done.returncode
     except subprocess.TimeoutExpired as late:
         output, code = (late.stdout or b"").decode(errors="replace") + "\ntimed out", -1
-    passed, failed = counts(job.results) if job.results else (int(code == 0 and job.is_test), 0)
+    seconds = time.monotonic() - began
+    if code == SKIPPED and not job.is_test:
+        return Result(output, skipped=job.tests(), seconds=seconds)
+    passed, failed, skipped = counts(job.results) if job.results else (int(code == 0 and job.is_test), 0, 0)
     reports = sorted(job.results.parent.glob(REPORT + ".*")) if in_sandbox else []
     output += "".join(report.read_text(errors="replace") for report in reports)
     if (code != 0 or reports) and failed == 0:
         failed = 1
     (OUT / f"{job.name.replace(' ', '-')}.log").write_text(output)
-    return output, passed, failed, time.monotonic() - began
+    return Result(output, passed, failed, skipped, seconds)
 
 
 def run_all(jobs):
@@ -121,37 +140,77 @@ def run_all(jobs):
             for future in done:
                 job = running.pop(future)
                 result = future.result()
-                if result[2] == 0:
+                if not result.failed and not (result.skipped and not job.is_test):
                     running |= {pool.submit(run, after): after for after in job.then}
-                yield job, *result
+                yield job, result
 
 
-def everything():
-    """The unit tests and fuzz targets, with the builds that some of them need."""
-    fuzz = [fuzz_job(path.stem) for path in sorted(FUZZ.glob("*.cpp")) if path.stem != "world"]
-    return [build_job("asan", unit_job("asan"), build_job("fuzz", *fuzz)), unit_job("release")]
+def unit_jobs():
+    """The unit tests, with the build that one of them needs."""
+    return [build_job("asan", unit_job("asan")), unit_job("release")]
+
+
+def fuzz_jobs():
+    """The fuzz targets, behind their build."""
+    return [build_job("fuzz", *(fuzz_job(path.stem) for path in sorted(FUZZ.glob("*.cpp"))
+                                if path.stem != "world"))]
+
+
+def test_file(name):
+    """The system test file of a path or of a bare name."""
+    path = SYSTEM / pathlib.Path(name).with_suffix(".py").name
+    if not path.exists():
+        raise argparse.ArgumentTypeError(f"{name} is none of " + " ".join(
+            sorted(one.stem for one in SYSTEM.glob("test_*.py"))))
+    return path
+
+
+def sandbox_is_possible():
+    return subprocess.run([*SANDBOX, "--", "/bin/true"], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+
+def plan(chosen):
+    """The jobs of a run, and how many of it cannot be done here."""
+    # The longest files first: they run the longest.
+    files = chosen.files or sorted(SYSTEM.glob("test_*.py"), key=lambda path: -path.stat().st_size)
+    whole = not chosen.files and chosen.build == "release"
+    jobs = unit_jobs() if whole else []
+    fuzz = fuzz_jobs() if whole else []
+    if chosen.skip_unavailable and not sandbox_is_possible():
+        skipped = len(files) + sum(job.tests() for job in fuzz)
+        print(f"no sandbox can be made here: {skipped} files and fuzz targets skipped", flush=True)
+        return jobs, skipped
+    if whole:
+        jobs[0].then += fuzz  # one big build after the other
+    options = ["--skip-unavailable"] if chosen.skip_unavailable else []
+    return jobs + [system_job(path, chosen.build, options) for path in files], 0
+
+
+def show(job, result):
+    print(f"{job.name:32} {result.passed:4} passed {result.failed:3} failed {result.seconds:6.1f} s"
+          + (f" {result.skipped:4} skipped" if result.skipped else ""), flush=True)
+    if result.failed or (result.skipped and not job.is_test):
+        print(result.output, flush=True)
 
 
 def main(arguments):
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("--build", default="release", metavar="PRESET")
-    parser.add_argument("files", nargs="*", type=pathlib.Path, metavar="FILE")
+    parser.add_argument("--skip-unavailable", action="store_true",
+                        help="skip and count what this machine does not allow")
+    parser.add_argument("files", nargs="*", type=test_file, metavar="FILE")
     chosen = parser.parse_args(arguments)
     shutil.rmtree(OUT, ignore_errors=True)
     OUT.mkdir(parents=True)
-    jobs = everything() if not chosen.files and chosen.build == "release" else []
-    # The longest files first: they run the longest.
-    files = sorted((ROOT / "tests" / "system").glob("test_*.py"),
-                   key=lambda path: -path.stat().st_size)
-    jobs += [system_job(path, chosen.build) for path in chosen.files or files]
+    jobs, skipped = plan(chosen)
     passed = failed = 0
-    for job, output, good, bad, seconds in run_all(jobs):
-        print(f"{job.name:32} {good:4} passed {bad:3} failed {seconds:6.1f} s", flush=True)
-        if bad:
-            print(output, flush=True)
-        passed += good
-        failed += bad
-    print(f"{passed} passed, {failed} failed")
+    for job, result in run_all(jobs):
+        show(job, result)
+        passed += result.passed
+        failed += result.failed
+        skipped += result.skipped
+    print(f"{passed} passed, {failed} failed" + (f", {skipped} skipped" if skipped else ""))
     return 1 if failed or not passed else 0
 
 

@@ -19,6 +19,7 @@ import json
 import os
 import signal
 import struct
+import subprocess
 import sys
 
 SEIZE, INTERRUPT, LISTEN, GETEVENTMSG = 0x4206, 0x4207, 0x4208, 0x4201
@@ -59,6 +60,15 @@ libc.ptrace.restype = ctypes.c_long
 def ptrace(request, tid, address=0, data=0):
     """False when the thread is gone, which one learns at any time."""
     return libc.ptrace(request, tid, address, data) != -1
+
+
+def is_possible():
+    """Whether the kernel lets one program trace another."""
+    child = subprocess.Popen(["/bin/sleep", "60"])
+    allowed = ptrace(SEIZE, child.pid)
+    child.kill()
+    child.wait()
+    return allowed
 
 
 def registers(tid):

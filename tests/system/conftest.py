@@ -14,6 +14,22 @@ from lab.device import Device
 from lab.platform import Platform
 
 
+def pytest_addoption(parser):
+    parser.addoption("--skip-unavailable", action="store_true", help="skip what the kernel does not allow")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "takes(is_possible, what): not every kernel allows it")
+
+
+def pytest_runtest_setup(item):
+    for mark in item.iter_markers("takes"):
+        is_possible, what = mark.args
+        if not is_possible():
+            end = pytest.skip if item.config.getoption("--skip-unavailable") else pytest.fail
+            end(f"the kernel does not allow {what}; ./dev test --skip-unavailable skips this")
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     outcome = yield

@@ -6,8 +6,10 @@ import platform as machine
 import pytest
 
 from lab.torture.crash import torture
+from lab.torture.tracer import is_possible
 
-pytestmark = pytest.mark.skipif(machine.machine() != "x86_64", reason="the tracer knows x86-64")
+pytestmark = [pytest.mark.skipif(machine.machine() != "x86_64", reason="the tracer knows x86-64"),
+              pytest.mark.takes(is_possible, "tracing a program")]
 VERSION_LIST = "/var/config/cloud/cloud_plugin_version.json.new"
 
 

@@ -6,7 +6,7 @@ from lab.link import is_possible
 from lab.torture.link import once
 
 
-@pytest.mark.skipif(not is_possible(), reason="no /dev/net/tun, of which the line is made")
+@pytest.mark.takes(is_possible, "the pair of Ethernet devices that the line is made of")
 def test_lossy_line(platform, device):
     figures = once(device, platform, seed=1, delay=0.2, conn_timeout=5)
     assert not figures["wrong"], figures

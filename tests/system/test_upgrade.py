@@ -218,7 +218,8 @@ def test_full_download_folder(platform, enrolled):
             wait_until(lambda: platform.cloud.device.upgrades == [report("download failed")] * count, 20, "the report")
             enrolled.wait_status(NAME, DOWNLOAD_FAILED)
             assert os.listdir(folder) == []
-        subprocess.run(["/bin/mount", "-o", "remount,size=4m", folder], check=True)
+        # BusyBox's repeats the options of the first time, of which a user's kernel refuses the owner.
+        subprocess.run(["/usr/bin/mount", "-i", "-n", "-o", "remount,size=4m", "none", folder], check=True)
         update_again(enrolled)
         enrolled.wait_status(NAME, RESTARTED)
     finally:
