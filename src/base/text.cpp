@@ -75,6 +75,14 @@ bool append_format(char* out, size_t size, const char* format, ...) {
     return whole;
 }
 
+std::string joined(std::initializer_list<std::string_view> parts) {
+    std::string text;
+    for (const std::string_view part : parts) {
+        text.append(part);
+    }
+    return text;
+}
+
 std::string one_line(std::string_view text) {
     constexpr std::string_view digits = "0123456789ABCDEF";
     std::string line;

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <span>
 #include <string>
 #include <string_view>
@@ -51,6 +52,9 @@ inline bool has_prefix(const char* text, std::string_view prefix) {
 inline bool is_empty(const char* text) {
     return text == nullptr || text[0] == '\0';
 }
+
+// The parts, one behind the other.
+std::string joined(std::initializer_list<std::string_view> parts);
 
 // The text with its control characters (below 0x20, and 0x7f) as %XX. For foreign values in what
 // is read line by line, such as the path and the headers of a request: it stays on its line.

@@ -390,7 +390,7 @@ int sign_request(int kind, const char* mac, const char* timestamp, char* out, si
     }
     // The key is used as its 64 characters, not decoded.
     constexpr std::string_view key = PLUGINMGR_API_SIGN_KEY;
-    const std::string message = std::string(mac) + timestamp;
+    const std::string message = joined({mac, timestamp});
     uint8_t digest[SHA1_DIGEST_SIZE] = {};
     hmac_sha1(key.data(), key.size(), message.data(), message.size(), digest);
     hex_encode(digest, sizeof digest, out, size);

@@ -50,8 +50,8 @@ struct credentials {
 
 // The key is the API signing key, as its characters, followed by the device id.
 void sign_service_request(const char* text, const char* timestamp, char (&sign)[SIGNATURE_SIZE]) {
-    const std::string key = std::string(PLUGINMGR_API_SIGN_KEY) + pluginmgr_config.device_id;
-    const std::string message = std::string(text) + timestamp;
+    const std::string key = joined({PLUGINMGR_API_SIGN_KEY, pluginmgr_config.device_id});
+    const std::string message = joined({text, timestamp});
     uint8_t digest[SHA1_DIGEST_SIZE] = {};
     hmac_sha1(key.data(), key.size(), message.data(), message.size(), digest);
     hex_encode(digest, sizeof digest, sign, sizeof sign);
@@ -336,7 +336,7 @@ int quorvel_get_kq_extensions(const char* start, char* extensions, size_t extens
                               char* join_prefix, size_t join_prefix_size) {
     json_ptr answer;
     const read_request what = {"/v1/ippbx/extensions", "token", pluginmgr_config.quorvel_token,
-                               std::string("&start=") + start + "&limit=100"};
+                               joined({"&start=", start, "&limit=100"})};
     const int code = read_with_code(__func__, what, &answer);
     if (code == 0) {
         // What the answer lacks stays empty.

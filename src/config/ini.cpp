@@ -310,8 +310,7 @@ bool has_line_end(std::string_view text) {
 std::string key_line(std::string_view key, std::string_view value) {
     const std::string_view text = without_trailing(value, " ");
     const bool doubled = text.ends_with(CONTINUED);
-    const std::string line = std::string(key) + "=" + std::string(doubled ? text : value);
-    return line + (doubled ? "+\n\n" : "\n");
+    return joined({key, "=", doubled ? text : value, doubled ? "+\n\n" : "\n"});
 }
 
 // Whether the reader would find the pair again, head and key on a line each, and the value as it is
@@ -335,7 +334,7 @@ int append_pair(const char* path, int looked_up, const position& place, const ch
     std::string text = old;
     text += old.empty() || old.ends_with('\n') ? "" : "\n";
     text += place.open_end ? "\n" : "";  // or the head would continue the file's last value
-    text += std::string("[") + section + "]\n" + pair;
+    text += joined({"[", section, "]\n", pair});
     return put_over(file, old, text);
 }
 

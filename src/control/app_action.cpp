@@ -38,7 +38,7 @@ const char* shown(const char* text) {
 }
 
 void download(const char* name) {
-    const std::string path = std::string("/tmp/") + name;
+    const std::string path = joined({"/tmp/", name});
     const std::string url = is_empty(download_url) ? std::string() : shell_word(download_url);
     switch (check_download_rate(path.c_str())) {
         case RATE_COMPLETE:

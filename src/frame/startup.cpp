@@ -130,8 +130,7 @@ void start_agents() {
 
 // Whether a colon-separated list has it, as one that an earlier daemon has handed on.
 bool holds(const char* list, const char* value) {
-    const std::string wanted = std::string(":") + value + ":";
-    return (std::string(":") + list + ":").find(wanted) != std::string::npos;
+    return joined({":", list, ":"}).find(joined({":", value, ":"})) != std::string::npos;
 }
 
 void pin_user_server(const char* key) {

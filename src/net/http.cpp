@@ -192,27 +192,29 @@ void check_api_connection() {
 
 std::string construct_request(const char* method, const char* path, const char* body,
                               const char* auth) {
-    std::string text = std::string(method) + " " + one_line(path) + " HTTP/1.1\n";
-    text += "Host: " + one_line(text_of(pluginmgr_config.api_server)) + "\n";
     char credential[2 * CREDENTIAL_SIZE] = {};
     encode_credential(auth, credential);
-    if (strlen(credential) >= MIN_CREDENTIAL) {
-        text += std::string("Authorization: Basic ") + credential + "\n";
-    }
-    text += "User-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n";
-    if (has_prefix(method, "GET")) {
-        text += "Accept: */*\nAccept-Language: zh-cn\nAccept-Encoding: gzip, deflate\n";
-    } else {
-        text += "Content-Type:application/x-www-form-urlencoded\n";
-    }
-    text += "Connection: keep-alive\r\n";
-    if (body != nullptr) {
-        char length[NUMBER_SIZE] = {};
-        format_text(length, "%zu", strlen(body));
-        text += std::string("Content-Length: ") + length + "\r\n";
-    }
-    text += "\r\n";
-    return body == nullptr ? text : text + body;
+    const bool sends_it = strlen(credential) >= MIN_CREDENTIAL;
+    char length[NUMBER_SIZE] = {};
+    format_text(length, "%zu", body == nullptr ? 0 : strlen(body));
+    return joined({
+        method,
+        " ",
+        one_line(path),
+        " HTTP/1.1\nHost: ",
+        one_line(text_of(pluginmgr_config.api_server)),
+        sends_it ? "\nAuthorization: Basic " : "",
+        sends_it ? credential : "",
+        "\nUser-Agent:Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\n",
+        has_prefix(method, "GET")
+            ? "Accept: */*\nAccept-Language: zh-cn\nAccept-Encoding: gzip, deflate\n"
+            : "Content-Type:application/x-www-form-urlencoded\n",
+        "Connection: keep-alive\r\n",
+        body == nullptr ? "" : "Content-Length: ",
+        body == nullptr ? "" : length,
+        body == nullptr ? "\r\n" : "\r\n\r\n",
+        body == nullptr ? "" : body,
+    });
 }
 
 int https_handle_request_save_header(https_conn* conn, const char* request, const char* body_file,

@@ -125,7 +125,7 @@ int run_cancellable(const char* command, const install_files& files) {
 // The script is told the name and given the open file, which is what it unpacks.
 void run_install_script(const app_info& entry, const app_info& remote, const install_files& files) {
     const std::string command =
-        std::string(INSTALL_SCRIPT) + ' ' + shell_word(files.path) + " >/dev/null";
+        joined({INSTALL_SCRIPT, " ", shell_word(files.path), " >/dev/null"});
     record_install(entry, remote);
     int result = run_cancellable(command.c_str(), files);
     if (result > 0) {
@@ -243,7 +243,7 @@ void* upgrade_process(void* entry) {
 }
 
 int generateInstallShell(const char* path) {
-    const std::string script = std::string("#!/bin/sh\n") + INSTALL_SCRIPT_BODY + "\n";
+    const std::string script = joined({"#!/bin/sh\n", INSTALL_SCRIPT_BODY, "\n"});
     if (publish_file(path, script, SCRIPT_MODE) != 0) {
         log_err(__func__, __LINE__, "create file %s error: %s", path, strerror(errno));
         return FAILED;

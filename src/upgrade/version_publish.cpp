@@ -76,7 +76,7 @@ void export_versions(json_object* list) {
         document = json_object_to_json_string(part.get());
     }
     // setenv() would keep every text that it is ever given.
-    text_ptr text = heap_text((std::string("cloud_version=") + document).c_str());
+    text_ptr text = heap_text(joined({"cloud_version=", document}).c_str());
     if (text && set_shell_variable(text.get())) {
         earlier_versions = std::exchange(exported_versions, std::move(text));
     }
