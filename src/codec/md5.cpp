@@ -13,8 +13,8 @@
 namespace {
 
 constexpr size_t STEPS = 64;
-constexpr size_t CHUNK =
-    size_t{16} * 1024;  // bytes read at a time: few calls, yet inside the L1 cache
+// Bytes read at a time: few calls, yet inside the L1 cache.
+constexpr size_t CHUNK = size_t{16} * 1024;
 
 constexpr uint32_t START[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
 
