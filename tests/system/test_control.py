@@ -119,7 +119,7 @@ def test_odd_datagrams_do_no_harm(alone):
     odd = [b"", b"k", b"d", b"keepclouda", b"\0", b"\xff" * 31, b"\0" * 32, b"\xff" * 256, b"k" * 3000,
            request(MODE[:-5] + "9" * 150), request("&" * 224), request("method=&" * 28),
            request("method=gw.app.action&pluginName=" + "%n" * 96, 5)]
-    assert answered(odd) == {5: '{"result":"error","code":91}'}
+    assert answered(odd) == {5: '{"result":"error","code":93}'}
     assert "UDP stack receive from (0)" in alone.errors()
 
 
