@@ -29,7 +29,7 @@ std::span<char> text(settings* config) {
 }
 
 enum class source { own_file, agent_file };
-enum class log_as { value, value_if_set, length, nothing };  // value_if_set: tls_ca_file alone
+enum class log_as { value, value_if_set, length, nothing };  // value_if_set: of what protects
 
 // One setting; exactly one of text, number and heap says where it goes.
 struct setting {
@@ -75,6 +75,7 @@ constexpr setting SETTINGS[] = {
     {.key = "check_signature", .number = &settings::check_signature, .default_number = 1},
     {.key = "conn_timeout", .number = &settings::conn_timeout, .default_number = 15},
     {.key = "tls_ca_file", .text = text<&settings::tls_ca_file>, .log = log_as::value_if_set},
+    {.key = "control_users", .text = text<&settings::control_users>, .log = log_as::value_if_set},
     {.key = "checkcycle",
      .section = "Update",
      .number = &settings::checkcycle,
@@ -118,8 +119,8 @@ void read_pushed(std::string_view text, const char* path, const setting& row, se
     (void)take_number(code, value, &(config->*row.number));
 }
 
-// A broken line loses the settings behind it. This one must not be lost: a text that is no file of
-// authorities refuses every connection.
+// A broken line loses the settings behind it. What protects must not be lost: a text that is no
+// file of authorities refuses every connection, one that is no user every command.
 void keep_protection(const char* path, const setting& row, int code, std::span<char> field) {
     if (code != 0 && ini_mentions(path, row.key)) {
         log_err(__func__, __LINE__, "%s in %s can't be read, code %d", row.key, path, code);

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "base/handles.h"
+#include "config/ini.h"
 
 constexpr const char* SETTINGS_FILE = "/var/config/cloud/pluginmgr.ini";
 constexpr const char* AGENT_SETTINGS_FILE = "/var/config/cloud/cloudae.ini";
@@ -49,6 +50,10 @@ struct settings {
     // Authorities (PEM) that the daemon's own TLS connections must be certified by; empty: any
     // certificate will do.
     char tls_ca_file[128] = {};
+
+    // Users who may command on UDP 6907, as the file has them; empty: everybody. A list that was
+    // cut would name others.
+    char control_users[INI_MAX_LINE + 1] = {};
 
     int32_t loglevel = 0;
     int32_t checkcycle = 0;       // seconds between two upgrade checks

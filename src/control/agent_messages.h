@@ -15,5 +15,6 @@ constexpr uint32_t AGENT_LOG_LEVEL = 0x3200;
 constexpr size_t AGENT_MESSAGE_SIZE = 256;
 
 // Receives one message from the daemon's socket, acts on it and answers its sender. Messages of
-// other types are ignored, and the daemon's own; one that is shorter than its header counts as filled up with zeros.
+// other types are ignored, and the daemon's own; one that is shorter than its header counts as
+// filled up with zeros.
 void handle_agent_message();

@@ -14,8 +14,10 @@
 #include <string_view>
 
 #include "base/handles.h"
+#include "config/settings.h"
 #include "control/agent_messages.h"
 #include "control/boa_protocol.h"
+#include "control/control_users.h"
 #include "control/pushed_settings.h"
 #include "control/supervision.h"
 #include "device/ipc.h"
@@ -117,7 +119,7 @@ void handle_datagram() {
         log_err("param_id", __LINE__, "UDP stack receive from (%d)", static_cast<int>(length));
         return;
     }
-    if (is_own_address(boa.peer)) {
+    if (is_own_address(boa.peer) || !may_command(boa.peer)) {
         return;
     }
     if (handle_notice({request.bytes, static_cast<size_t>(length)})) {
@@ -132,6 +134,7 @@ void handle_datagram() {
 
 void idle_pass() {
     usleep(IDLE_PAUSE);
+    report_ignored();
     check_api_connection();
     do_extra_task();
 }
@@ -157,6 +160,7 @@ void* param_id(void* /*argument*/) {
     if (!open_control_port()) {
         return nullptr;
     }
+    load_control_users(pluginmgr_config.control_users);
     last_keepcloudae = time(nullptr);
     last_keepcloudsafety = last_keepcloudae;
     (void)handle_update_config();  // always 0

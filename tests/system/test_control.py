@@ -5,6 +5,7 @@ import hashlib
 import hmac
 import os
 import re
+import select
 import signal
 import socket
 import struct
@@ -54,6 +55,10 @@ def answered(datagrams=(), last=99):
             replies[HEADER.unpack_from(raw)[1]] = raw[HEADER.size:].decode()
     del replies[last]
     return replies
+
+
+def readable(one):
+    return bool(select.select([one], [], [], 0)[0])
 
 
 def message(kind, text="", rest=b"sixteen bytes..."):
@@ -114,7 +119,7 @@ def test_odd_datagrams_do_no_harm(alone):
     odd = [b"", b"k", b"d", b"keepclouda", b"\0", b"\xff" * 31, b"\0" * 32, b"\xff" * 256, b"k" * 3000,
            request(MODE[:-5] + "9" * 150), request("&" * 224), request("method=&" * 28),
            request("method=gw.app.action&pluginName=" + "%n" * 96, 5)]
-    assert answered(odd) == {5: '{"result":"error","code":91}'}
+    assert answered(odd) == {5: '{"result":"error","code":93}'}
     assert "UDP stack receive from (0)" in alone.errors()
 
 
@@ -245,6 +250,44 @@ def test_other_messages_are_ignored(platform, alone):
            message(0x3102, "001122aabbcc"), message(ANSWER, "x"), message(APP_REPORT, "not=in-ums")]
     assert not tell(*odd) and not platform.requests()
     assert tell(struct.pack("=I", DEVICE_CODE)) == [message(DEVICE_CODE, rest=b"")]  # the rest counts as zeros
+
+
+UNKNOWN, SURPLUS = "ghost of control_users may not command: unknown user", "33 of control_users may not command: one"
+
+
+@pytest.mark.parametrize("users, served, error", [
+    ("root", True, ""), ("0", True, ""), ("12345, 0", True, ""), ("ghost, root", True, UNKNOWN),
+    ("12345", False, ""), ("nobody", False, ""), (",", False, ""), ("ghost", False, UNKNOWN),
+    (",".join(map(str, range(1, 34))) + ",0", False, SURPLUS)])
+def test_who_may_command(device, users, served, error):
+    """Commands and notices of others are ignored: all that the sandbox runs is root's."""
+    device.reset(settings={"cloudserver": "ums", "control_users": users}, device_id=None, agents=())
+    device.start()
+    assert bool(device.query(MODE, timeout=10 if served else 0.3)) == served
+    assert error in device.errors() and (error or "control_users" not in device.errors())
+    ignored = [line.rpartition(" - ")[2] for line in device.log_lines("datagrams ignored")]
+    assert ignored == ([] if served else ["1 datagrams ignored, not from one of control_users"])
+
+
+def test_senders_that_nobody_owns_are_ignored(device):
+    """One that has gone by the time it is served, and one at the daemon's own port. They are told
+    once a minute; the notices of agents do not count either."""
+    device.reset(settings={"cloudserver": "ums", "control_users": "root"}, device_id=None, agents=())
+    device.shift_time(0)
+    device.start(faketime=True)
+    os.kill(device.pid(), signal.SIGSTOP)
+    for _ in range(3):
+        device.datagram(b"keepcloudae")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as one:
+        one.bind(("127.0.0.2", CONTROL_PORT[1]))
+        one.sendto(request(MODE), CONTROL_PORT)
+        os.kill(device.pid(), signal.SIGCONT)
+        assert device.query(MODE) and not readable(one)
+    told = "datagrams ignored, not from one of control_users"
+    assert [line.split(" - ")[1] for line in device.log_lines(told)] == ["1 " + told]
+    assert not device.log_lines("got keepcloudae")
+    device.shift_time(61)
+    device.wait_log("3 " + told)
 
 
 def busy_ticks(pid, seconds=0.5):

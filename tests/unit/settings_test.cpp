@@ -53,6 +53,8 @@ TEST_F(settings_files, a_broken_line_does_not_switch_verification_off) {
         << "a page that a power cut left empty";
     EXPECT_STRNE(load("[Config]\ntls_ca_file /ca.pem\n").tls_ca_file, "");
     EXPECT_STRNE(load("[Config]\ntls_ca_file\n").tls_ca_file, "");
+    EXPECT_STRNE(load("[Config]\nno key\ncontrol_users=root\n").control_users, "root");
+    EXPECT_STRNE(load("[Config]\nno key\ncontrol_users=root\n").control_users, "");
     for (const char* other : {"no key\n", "#tls_ca_file=/ca.pem\nno key\n", "no_tls_ca_file=/x\n",
                               "tls_ca_file_of_old=/x\n"}) {
         EXPECT_STREQ(load(std::string("[Config]\n") + other).tls_ca_file, "") << other;
