@@ -98,7 +98,7 @@ ROWS = {
     "no length, more to come": (Answer(raw=FIRST + b"\r\n" + CODE, drip=25), NO_CODE, 0),
     "chunked": (Answer(raw=CHUNKED), NO_CODE, 0), "chunked, in pieces": (Answer(raw=CHUNKED, drip=60), NO_CODE, 0),
     "a code in a string": (Answer({"code": "1234"}), TOLD, 0), "no code": (Answer({"message": "ok"}), NO_CODE, 0),
-    "an empty code": (Answer({"code": ""}), NO_CODE, 0), "an object for a code": (Answer({"code": {"a": 1}}), 0, 0),
+    "an empty code": (Answer({"code": ""}), NO_CODE, 0), "an object for a code": (Answer({"code": {"a": 1}}), NO_CODE, 0),
     "codes of devices": (Answer({"devices": [{"code": 1234}, {"code": 8}]}), TOLD, 0),
     "no devices": (Answer({"devices": []}), NO_CODE, 0),
     "devices that are no list": (Answer({"devices": {"code": 7}}), NO_CODE, 0),

@@ -399,7 +399,8 @@ def test_running_downloads_count_in_the_memory_check(platform, enrolled):
         for name in names:
             platform.cloud.offer(packages[name], size=size, force=True)
         start(enrolled)
-        wait_until(lambda: len(platform.cloud.device.upgrades) == 2, what="two refusals")
+        wait_until(lambda: len(platform.cloud.device.upgrades) == 2, 30, "two refusals")
+        platform.wait_request("GET /packages/*")
         running = [name for name in names if enrolled.plugins()[name]["status"] == DOWNLOADING]
         assert len(running) == 1 and len(platform.requests("GET /packages/*")) == 1
         assert sorted(platform.cloud.device.upgrades) == sorted(
