@@ -43,6 +43,7 @@ struct setting {
     int default_number = 0;
     int minimum = INT_MIN;
     log_as log = log_as::value;
+    bool needs_file = false;  // counts as set when the file is there and cannot be read
 };
 
 // In the order in which they are read and logged.
@@ -74,7 +75,10 @@ constexpr setting SETTINGS[] = {
     {.key = "device_key", .text = text<&settings::device_key>},
     {.key = "check_signature", .number = &settings::check_signature, .default_number = 1},
     {.key = "conn_timeout", .number = &settings::conn_timeout, .default_number = 15},
-    {.key = "tls_ca_file", .text = text<&settings::tls_ca_file>, .log = log_as::value_if_set},
+    {.key = "tls_ca_file",
+     .text = text<&settings::tls_ca_file>,
+     .log = log_as::value_if_set,
+     .needs_file = true},
     {.key = "control_users", .text = text<&settings::control_users>, .log = log_as::value_if_set},
     {.key = "checkcycle",
      .section = "Update",
@@ -120,8 +124,12 @@ void read_pushed(std::string_view text, const char* path, const setting& row, se
 }
 
 // A broken line loses the settings behind it. What protects must not be lost: a text that is no
-// file of authorities refuses every connection, one that is no user every command.
+// file of authorities refuses every connection, one that is no user every command. Without any of
+// the file the device stays open to its own web pages, by which it may be mended.
 void keep_protection(const char* path, const setting& row, int code, std::span<char> field) {
+    if (code == INI_NOT_OPENED && !row.needs_file) {
+        return;
+    }
     if (code != 0 && ini_mentions(path, row.key)) {
         log_err(__func__, __LINE__, "%s in %s can't be read, code %d", row.key, path, code);
         copy_text(field.data(), field.size(), "unreadable setting");
