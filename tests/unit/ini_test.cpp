@@ -110,7 +110,8 @@ TEST_F(ini_files, small_buffers_and_files_that_cannot_be_read) {
     write_file(long_one, std::string(SETTINGS_FILE_LIMIT + 1, '\n'));
     for (const std::string& other : {std::string(folder), pipe, endless, long_one}) {
         ini_name names[1] = {};
-        EXPECT_EQ(ini_get(other.c_str(), "Config", "key", value, sizeof value), INI_NOT_OPENED) << other;
+        EXPECT_EQ(ini_get(other.c_str(), "Config", "key", value, sizeof value), INI_NOT_OPENED)
+            << other;
         EXPECT_EQ(ini_list_sections(other.c_str(), names), INI_NOT_OPENED) << other;
         EXPECT_EQ(copy_file(other.c_str(), path.c_str()), INI_NOT_OPENED) << other;
         EXPECT_EQ(ini_set(other.c_str(), "Config", "key", "v"),
