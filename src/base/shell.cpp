@@ -166,7 +166,11 @@ int run_shell(const char* command) {
 
 int run_shell_job(const char* command, const job_files& files) {
     const pid_t child = start_shell(command, -1, &files);
-    return child < 0 ? -1 : wait_or_end(child, kill_group_and_reap);
+    const int status = child < 0 ? -1 : wait_or_end(child, kill_group_and_reap);
+    if (status > 0 && WIFSIGNALED(status)) {
+        (void)kill(-child, SIGKILL);  // what a killed shell leaves would go on beside the next try
+    }
+    return status;
 }
 
 int run_shell_format(const char* format, ...) {

@@ -51,6 +51,19 @@ text_ptr first_report() {
     return first;
 }
 
+// Codes that tell that a request has not left the device: its report may still be sent once.
+bool was_not_sent(int code) {
+    return code == ERR_SOCKET || code == ERR_RESOLVE || code == ERR_CONNECT ||
+           code == ERR_NOT_CONNECTED;
+}
+
+// It was the first, and nobody has taken one since: the client lock is held.
+void put_back(text_ptr report) {
+    std::move_backward(upgrade_reports, std::end(upgrade_reports) - 1, std::end(upgrade_reports));
+    upgrade_reports[0] = std::move(report);
+    report_count++;
+}
+
 struct event_call {
     const char* name = nullptr;
     const char* param = nullptr;
@@ -334,7 +347,7 @@ int take_answer(json_object* json, const event& what, const event_call& call) {
 
 int perform(https_conn* conn, const event& what, const event_call& call) {
     const client_lock lock;
-    text_ptr report;  // sent once, whatever the result
+    text_ptr report;  // sent once, whatever the answer
     if (what.sends_report) {
         report = first_report();
         if (!report) {
@@ -346,6 +359,9 @@ int perform(https_conn* conn, const event& what, const event_call& call) {
     json_ptr json;
     const int exchanged =
         new_https_request_2(conn, pluginmgr_config.api_server, request.c_str(), nullptr, &json);
+    if (report && was_not_sent(exchanged)) {
+        put_back(std::move(report));
+    }
     if (exchanged != 0) {
         return exchanged;
     }

@@ -55,30 +55,36 @@ constexpr int ID = APP_IDLE, DL = APP_DOWNLOADING, DF = APP_DOWNLOAD_FAILED, DD 
               UP = APP_UP_TO_DATE, CF = APP_CHECK_FAILED, PA = APP_INSTALL_PARTIAL,
               NS = APP_NO_SIGNATURE, BS = APP_BAD_SIGNATURE;
 // The columns stand in the order of app_event, the rows in that of the status numbers.
-constexpr int WAYS[][EVENTS] = {
+constexpr int END = -2;  // of a row: a cell forgotten before it would be seen
+constexpr int WAYS[][EVENTS + 1] = {
     //           check         user     download            install                         check
     //           new old fail  ask stop beg not none fl ok  beg gone ns  bs  fl  pa  ok     restarted
-    /*  0 ID */ {ID, UP, CF,   ID, ID,  DL, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /*  1    */ {__, __, __,   __, __,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /*  2 DL */ {__, __, __,   __, ID,  __, ID, CF, DF, DD, __, __, __, __, __, __, __,     __},
-    /*  3 DF */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /*  4 DD */ {__, __, __,   __, ID,  __, __, __, __, __, IN, IF, __, __, __, __, __,     __},
-    /*  5 IN */ {__, __, __,   __, ID,  __, __, __, __, __, __, __, NS, BS, IF, PA, OK,     __},
-    /*  6 IF */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /*  7 RS */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /*  8 OK */ {__, __, __,   __, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     RS},
-    /*  9 UP */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /* 10 CF */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /* 11 PA */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /* 12 NS */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
-    /* 13 BS */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __},
+    /*  0 ID */ {ID, UP, CF,   ID, ID,  DL, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /*  1    */ {__, __, __,   __, __,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /*  2 DL */ {__, __, __,   __, ID,  __, ID, CF, DF, DD, __, __, __, __, __, __, __,     __, END},
+    /*  3 DF */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /*  4 DD */ {__, __, __,   __, ID,  __, __, __, __, __, IN, IF, __, __, __, __, __,     __, END},
+    /*  5 IN */ {__, __, __,   __, ID,  __, __, __, __, __, __, __, NS, BS, IF, PA, OK,     __, END},
+    /*  6 IF */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /*  7 RS */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /*  8 OK */ {__, __, __,   __, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     RS, END},
+    /*  9 UP */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /* 10 CF */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /* 11 PA */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /* 12 NS */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
+    /* 13 BS */ {ID, UP, CF,   ID, ID,  __, __, __, __, __, __, __, __, __, __, __, __,     __, END},
 };
 // clang-format on
 static_assert(std::size(WAYS) == STATES);
 
-// A cell forgotten at a row's end would be 0, the idle state: every column but the first two of the
-// user and those of the check has to lead somewhere once, and to nowhere from the unused number.
+// Every row has its cells, every event leads somewhere, and nothing leads away from the unused
+// number.
 constexpr bool is_complete() {
+    for (const auto& row : WAYS) {
+        if (row[EVENTS] != END) {
+            return false;
+        }
+    }
     for (size_t event = 0; event < EVENTS; event++) {
         size_t ways = 0;
         for (const auto& row : WAYS) {

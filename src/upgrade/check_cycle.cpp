@@ -23,6 +23,7 @@
 #include "upgrade/download.h"
 #include "upgrade/install.h"
 #include "upgrade/orphan.h"
+#include "upgrade/report.h"
 
 std::atomic<int> upgrade_check_flag = 0;
 
@@ -40,6 +41,7 @@ constexpr size_t CREDENTIAL_LIMIT = 256;
 
 https_conn connection;  // the upgrade thread's
 std::atomic<int> drop_requested = 0;
+time_t farewell_begun = 0;  // on the clock that nobody sets; 0 while the daemon stays
 
 // Failures that the other queries of the same pass would only repeat.
 bool is_server_failure(int result) {
@@ -78,7 +80,12 @@ bool is_own_package(const char* name) {
 }
 
 void restart_upgraded(app_info* entry) {
-    if (advance_locked(entry, NO_JOB, app_event::restarted)) {
+    bool restarts = false;
+    if (!is_own_package(entry->app_name.get())) {
+        const app_list_guard guard;
+        restarts = entry->status == APP_INSTALLED && advance(entry, NO_JOB, app_event::restarted);
+    }
+    if (restarts) {
         (void)act_on_program(entry->app_name.get(), "restart");
     }
 }
@@ -114,16 +121,13 @@ bool something_runs() {
 // Nothing new begins; the daemon is restarted when nothing runs any more: an installer would go on
 // beside its successor, which starts another.
 void farewell_pass(app_info* own) {
-    static time_t begun = 0;
     timespec now = {};
     (void)clock_gettime(CLOCK_MONOTONIC, &now);  // there is one on every Linux
-    begun = begun == 0 ? now.tv_sec : begun;
+    farewell_begun = farewell_begun == 0 ? now.tv_sec : farewell_begun;
     for (app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
-        if (entry->status == APP_INSTALLED && !is_own_package(entry->app_name.get())) {
-            restart_upgraded(entry);
-        }
+        restart_upgraded(entry);
     }
-    if (!something_runs() || now.tv_sec - begun > LONGEST_FAREWELL) {
+    if (!something_runs() || now.tv_sec - farewell_begun > LONGEST_FAREWELL) {
         restart_daemon(own);
     }
 }
@@ -145,7 +149,7 @@ bool advance_entry(app_info* entry) {
             start_install(entry);
             return false;
         case APP_INSTALLED:
-            restart_upgraded(entry);
+            restart_upgraded(entry);  // not the daemon's own: that is for the next pass
             return false;
         default:
             return false;
@@ -202,6 +206,7 @@ void record_answer(app_info* entry, const app_info& answer) {
     if (fresh && entry->remote && entry->remote->upgrade_requested == 1) {
         fresh->upgrade_requested = 1;  // the user asked while the query was under way
     }
+    not_newer = is_not_newer(entry, &answer);  // an install may have ended since the line above
     const app_event event = not_newer ? app_event::offer_not_newer : app_event::offer_newer;
     entry->remote.swap(fresh);
     if (!advance(entry, NO_JOB, event)) {
@@ -313,10 +318,18 @@ void checkAllAppVersion(std::atomic<int>* check_flag) {
     const bool query = *check_flag == 1;
     bool server_failed = false;
     if (app_info* own = find_own_upgrade(); own != nullptr) {
+        *check_flag = 0;  // whoever waits for a check gets what is known
         farewell_pass(own);
         return;
     }
+    farewell_begun = 0;
+    if (query) {
+        send_upgrade_reports();
+    }
     for (app_info* entry = first_app(); entry != nullptr; entry = next_app(entry)) {
+        if (find_own_upgrade() != nullptr) {
+            return;  // it has come meanwhile, and nothing new begins
+        }
         // A query would put an end to the download that has just begun.
         if (!advance_entry(entry) || start_requested_download(entry)) {
             continue;

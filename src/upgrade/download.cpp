@@ -251,7 +251,9 @@ void run(job* work) {
     if (child > 0 && !watch_child(*work, child)) {
         return;
     }
-    if (is_complete(*work)) {
+    if (!still_wanted(*work)) {
+        log_child(child, work->target, "canceled");  // in the instant in which it ended by itself
+    } else if (is_complete(*work)) {
         end_with(*work, app_event::download_done);
     } else {
         fail(*work);

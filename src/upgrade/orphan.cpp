@@ -122,6 +122,9 @@ unique_fd lock_install() {
         pause_cancellable();
     }
     log_err(FUNCTION, __LINE__, "an install that has outlived its daemon does not end, give up");
+    // What has not ended by now counts as ended, or the next install would wait for it, too: what
+    // holds the lock may be a program that the package has started. There may be no record.
+    (void)rename(INSTALL_JOB_FILE, INSTALL_DONE_FILE);
     return {};
 }
 

@@ -29,8 +29,11 @@ void report_upgrade_result(const app_info& entry, app_job job, const char* resul
         return;
     }
     add_upgrade_report(report);
-    // Whoever is first sends the oldest, so each goes out once. None is repeated: a code that is
-    // not 0 ends the round, and what still waits goes with the next.
+    send_upgrade_reports();
+}
+
+void send_upgrade_reports() {
+    // Whoever is first sends the oldest, so each goes out once.
     while (upgrade_reports_wait() && pluginmgr_api(nullptr, "report_upgrade") == 0) {
     }
 }

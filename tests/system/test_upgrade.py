@@ -473,6 +473,33 @@ def test_own_upgrade_begins_no_other_install(platform, enrolled):
     assert len(enrolled.log_lines("finish")) == 3, "of all downloads"
 
 
+def test_own_upgrade_that_ends_during_a_check(platform, enrolled):
+    """It is not restarted like a plug-in, by killing it, in the middle of the pass."""
+    enrolled.write_plugins({NAME: OLD, "pluginmgr": "1.0.0"})
+    platform.cloud.offer(build("pluginmgr", "9.0.0", slow=1.5), force=True)
+    start(enrolled)
+    enrolled.wait_status("pluginmgr", INSTALLING)
+    platform.api.answer(f"GET /v1/res/upgrade/apps/{NAME}*", Answer({"status": "ok"}, delay=2))
+    assert enrolled.get(80025)
+    enrolled.wait_log("pluginmgr exit since upgrade")
+
+
+def test_report_waits_for_the_platform(platform, enrolled):
+    """What has not left the device goes out with the next check."""
+    package = build(NAME, NEW)
+    platform.dl.answer("GET /packages/*", Answer(package.data, cut_after=100), times=1)
+    offer(platform, enrolled, package)
+    platform.api.fail("refuse")
+    platform.api.drop()
+    update(enrolled)
+    enrolled.wait_status(NAME, DOWNLOAD_FAILED)
+    platform.api.heal()
+    assert platform.cloud.device.upgrades == []
+    for _ in range(2):
+        assert enrolled.get(80025)
+        assert platform.cloud.device.upgrades == [report("download failed")]
+
+
 def test_refusals(platform, enrolled):
     platform.cloud.offer(build(NAME, NEW), size=50 << 20)
     platform.cloud.offer(build("pluginmgr", "1.2.10"))
