@@ -40,6 +40,10 @@ constexpr size_t TEXT_FILE_LIMIT = size_t{1024} * 1024;
 // with errno, when not all was taken.
 [[nodiscard]] bool write_whole(int fd, std::string_view text);
 
+// Whether path is a folder, and no link to one, of root's or this user's: in a sticky folder nobody
+// can put another one in its place.
+[[nodiscard]] bool is_own_folder(const char* path);
+
 // Puts body in place of what path holds, with this mode: written beside it as PATH.new, which
 // nobody else's file is, synced, renamed, the folder synced. A reader sees the old text or the new
 // one, never a part; a link in the path's place is replaced, not followed. 0, or FAILED with the

@@ -76,7 +76,10 @@ int login_accounts(const char* host) {
         set_text(pluginmgr_config.login_token, "");
         return ERR_LOGIN;
     }
-    (void)get_param_from_json_resp(answer.get(), "token", pluginmgr_config.login_token,
-                                   sizeof pluginmgr_config.login_token);
+    if (get_param_from_json_resp(answer.get(), "token", pluginmgr_config.login_token,
+                                 sizeof pluginmgr_config.login_token) == ERR_TOO_LONG) {
+        set_text(pluginmgr_config.login_token, "");  // which may be another user's
+        return ERR_LOGIN;
+    }
     return 0;
 }

@@ -326,7 +326,20 @@ int take_device_id(json_object* json) {
     return saved;
 }
 
+// What belongs together is taken whole or not at all: a state without its key is none.
+bool fits(json_object* json, const event& what) {
+    char scratch[sizeof pluginmgr_config.login_token] = {};
+    return std::ranges::none_of(what.values, [&](const answer_value& value) {
+        const size_t size = std::min(value.field.size(), sizeof scratch);
+        return value.key != nullptr &&
+               get_param_from_json_resp(json, value.key, scratch, size) == ERR_TOO_LONG;
+    });
+}
+
 int take_answer(json_object* json, const event& what, const event_call& call) {
+    if (what.stores_values && !fits(json, what)) {
+        return ERR_TOO_LONG;
+    }
     for (const answer_value& value : what.values) {
         if (value.key != nullptr) {
             // What the answer lacks stays as it was.

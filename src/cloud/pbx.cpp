@@ -35,6 +35,7 @@ namespace {
 
 constexpr size_t SIGN_TEXT_SIZE = 256;
 constexpr size_t PBX_REQUEST_SIZE = 4096;  // holds any code whole, escaped as JSON
+constexpr const char* PBX_QR_FOLDER = "/tmp/web";
 constexpr mode_t FILE_MODE = 0644;
 constexpr std::string_view TOKEN_HEADER = "X-Kzt-Activetoken";
 constexpr std::string_view LENGTH_HEADER = "Content-Length";
@@ -182,11 +183,14 @@ int read_with_code(const char* name, const read_request& what, json_ptr* answer)
     return code;
 }
 
-void store_access_token(json_object* answer) {
-    // An answer without a token leaves the one that is there.
-    (void)get_param_from_json_resp(answer, "access_token", pluginmgr_config.quorvel_token,
-                                   sizeof pluginmgr_config.quorvel_token);
+// 0, or ERR_TOO_LONG with nothing changed. An answer without a token leaves the one that is there.
+int store_access_token(json_object* answer) {
+    if (get_param_from_json_resp(answer, "access_token", pluginmgr_config.quorvel_token,
+                                 sizeof pluginmgr_config.quorvel_token) == ERR_TOO_LONG) {
+        return ERR_TOO_LONG;
+    }
     ini_set(SETTINGS_FILE, "Config", "quorvel_token", pluginmgr_config.quorvel_token);
+    return 0;
 }
 
 // The object under key goes into file. saved is false when it could not.
@@ -250,6 +254,11 @@ int ask_image(json_ptr* answer, char* header, std::string* image) {
 
 int take_image(std::string_view head, std::string_view image) {
     const int code = judge_image(head, image);
+    if (code == 0 && !is_own_folder(PBX_QR_FOLDER)) {
+        log_err("quorvel_active_qr", __LINE__, "%s not written: %s", PBX_QR_IMAGE,
+                "its folder is missing or somebody else's");
+        return ERR_RECEIVE;
+    }
     if (code == 0 && publish_file(PBX_QR_IMAGE, image, FILE_MODE) != 0) {
         log_err("quorvel_active_qr", __LINE__, "%s not written: %s", PBX_QR_IMAGE, strerror(errno));
         return ERR_RECEIVE;
@@ -294,10 +303,7 @@ int quorvel_check_qr_active_status(const char* token) {
     // Its log line names the read of the configuration, which has the same words.
     const int code = read_with_code("quorvel_get_kq_config",
                                     {"/v1/ippbx/activatecode", "active_token", token, ""}, &answer);
-    if (code == 0) {
-        store_access_token(answer.get());
-    }
-    return code;
+    return code == 0 ? store_access_token(answer.get()) : code;
 }
 
 int quorvel_active(const char* vcode) {
@@ -313,8 +319,7 @@ int quorvel_active(const char* vcode) {
         set_text(pluginmgr_config.quorvel_token, "");
         return ERR_PBX_REFUSED;
     }
-    store_access_token(answer.get());
-    return 0;
+    return store_access_token(answer.get());
 }
 
 int quorvel_get_kq_config() {

@@ -132,7 +132,7 @@ void keep_protection(const char* path, const setting& row, int code, std::span<c
     }
     if (code != 0 && ini_mentions(path, row.key)) {
         log_err(__func__, __LINE__, "%s in %s can't be read, code %d", row.key, path, code);
-        copy_text(field.data(), field.size(), "unreadable setting");
+        copy_text(field.data(), field.size(), "/unreadable setting");
     }
 }
 

@@ -19,7 +19,7 @@ constexpr size_t NUMBER_TEXT = 16;
 
 bool read_pushed_settings(settings* pushed) {
     struct stat state = {};
-    if (stat(PUSHED_SETTINGS_FILE, &state) != 0) {
+    if (lstat(PUSHED_SETTINGS_FILE, &state) != 0) {
         log_msg(LOG_SERVICE, LEVEL_DEBUG, FUNCTION, 182, "Update Config file %s not exist",
                 PUSHED_SETTINGS_FILE);
         return false;

@@ -28,7 +28,8 @@ struct change {
     const boa_request& request;
     bool needs_restart = false;
     bool account_login = false;
-    bool cannot_bind = false;  // what to bind with was too long
+    bool account_cut = false;  // user or password did not fit
+    bool token_cut = false;    // nor did the token
     int code = -1;             // of the last cloud event
 };
 
@@ -168,13 +169,13 @@ void restart_if_needed(const change& now) {
 
 void set_account_user(change& now) {
     if (const auto value = logged_value(now, "id80003=", privacy::secret)) {
-        now.cannot_bind = !take(account_user, "id80003=", *value);
+        now.account_cut = !take(account_user, "id80003=", *value);
     }
 }
 
 void set_account_password(change& now) {
     if (const auto value = logged_value(now, "id80004=", privacy::secret)) {
-        now.cannot_bind = !take(account_password, "id80004=", *value) || now.cannot_bind;
+        now.account_cut = !take(account_password, "id80004=", *value) || now.account_cut;
         now.account_login = true;
     }
 }
@@ -184,7 +185,7 @@ void set_active_token(change& now) {
         return;
     }
     if (const auto value = logged_value(now, "id80007=", privacy::secret)) {
-        now.cannot_bind = !take(pluginmgr_config.active_token, "id80007=", *value);
+        now.token_cut = !take(pluginmgr_config.active_token, "id80007=", *value);
         now.account_login = false;
     }
 }
@@ -204,7 +205,7 @@ int login_and_bind() {
 
 // What is there from before would bind to another account.
 int bind(const change& now) {
-    if (now.cannot_bind) {
+    if (now.account_login ? now.account_cut : now.token_cut) {
         return ERR_TOO_LONG;
     }
     return now.account_login ? login_and_bind() : bind_by_token();

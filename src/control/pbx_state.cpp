@@ -32,8 +32,17 @@ json_ptr new_reply() {
     return reply;
 }
 
-void send_json(const boa_request& request, const json_ptr& reply) {
-    send_reply(request, json_object_to_json_string(reply.get()));
+// False when the reply would not fit into its datagram: a part of it would be no JSON.
+bool send_json(const boa_request& request, const json_ptr& reply) {
+    const std::string_view text = json_object_to_json_string(reply.get());
+    if (text.size() > REPLY_BODY) {
+        log_err(__func__, __LINE__, "reply has %zu characters, at most %zu, not sent", text.size(),
+                REPLY_BODY);
+        send_result(request, ERR_TOO_LONG);
+        return false;
+    }
+    send_reply(request, text);
+    return true;
 }
 
 void store(const char* key, const char* value) {
@@ -153,8 +162,8 @@ void send_config(const boa_request& request) {
         json_object_object_add(reply.get(), "config", json_object_get(config.get()));
         cache_account(member_text(config, "user"), member_text(config, "server"));
     }
-    send_json(request, reply);
-    if (json_object_is_type(config.get(), json_type_object)) {
+    const bool sent = send_json(request, reply);
+    if (sent && json_object_is_type(config.get(), json_type_object)) {
         json_object_object_del(config.get(), "password");
         // On a full disk in place, which takes no more room: the password must go.
         if (save_pbx_file(PBX_CONFIG_FILE, config.get()) != 0) {
@@ -186,7 +195,7 @@ void answer_pbx_state(const boa_request& request) {
     add_json_text(reply.get(), "id80032", state.reachable);
     add_json_text(reply.get(), "id80033", state.user);
     add_json_text(reply.get(), "id80034", state.server);
-    send_json(request, reply);
+    (void)send_json(request, reply);
 }
 
 void answer_pbx_extensions(const boa_request& request) {
@@ -203,14 +212,7 @@ void answer_pbx_extensions(const boa_request& request) {
     const json_ptr reply = new_reply();
     add_json_text(reply.get(), "extensions", extensions);
     add_json_text(reply.get(), "join_prefix", join_prefix);
-    const size_t length = strlen(json_object_to_json_string(reply.get()));
-    if (length > REPLY_BODY) {
-        log_err(__func__, __LINE__, "list of extensions has %zu characters, at most %zu, not sent",
-                length, REPLY_BODY);
-        send_result(request, ERR_TOO_LONG);
-        return;
-    }
-    send_json(request, reply);
+    (void)send_json(request, reply);
 }
 
 void activate_pbx(const boa_request& request, std::string_view vcode) {

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -121,7 +123,9 @@ void checkHostsFile(const char* domain, const char* ip) {
         return;
     }
     kv_entry table[MAX_ENTRIES] = {};
-    (void)read_kv_pairs(HOSTS_FILE, ' ', table);  // a missing file is an empty one
+    if (read_kv_pairs(HOSTS_FILE, ' ', table) != 0 && access(HOSTS_FILE, F_OK) == 0) {
+        return;  // what it holds cannot be seen; only a missing file is an empty one
+    }
     if (const kv_entry* found = find_domain(table, domain)) {
         replace_address(found->name.get(), ip, domain);
     } else {

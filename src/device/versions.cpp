@@ -113,7 +113,8 @@ int list_versions(char* out, size_t size) {
         return FAILED;
     }
     while (const dirent* entry = readdir(folder.get())) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+        if (entry->d_type != DT_DIR && strcmp(entry->d_name, ".") != 0 &&
+            strcmp(entry->d_name, "..") != 0) {
             append_lines(entry->d_name, out, size);
         }
     }

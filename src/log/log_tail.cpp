@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "base/file.h"
@@ -40,7 +41,7 @@ struct tail_text {
 
 // Appends the lines in the last `length` bytes of a file (all of a shorter one); the number taken.
 int take_lines(tail_text& out, const char* path, off_t length) {
-    const file_ptr file = open_stream(path, TEXT_FILE_LIMIT);
+    const file_ptr file = open_stream(path, SIZE_MAX);
     if (!file || fseeko(file.get(), 0, SEEK_END) != 0) {
         return 0;
     }

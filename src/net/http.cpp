@@ -278,7 +278,7 @@ int get_param_from_json_resp(json_object* json, const char* key, char* out, size
     if (length >= size) {
         log_err(__func__, __LINE__, "%s in an answer has %zu characters, at most %zu, not taken",
                 key, length, size - 1);
-        return FAILED;
+        return ERR_TOO_LONG;
     }
     copy_text(out, size, text);
     return 0;

@@ -53,7 +53,8 @@ void check_api_connection();
                                 json_ptr* json);
 
 // Copies a value of an answer, also of the first of its "devices", as text into out (size
-// bytes). 0, or -1 with out untouched when it is not there, or does not fit, which is logged.
+// bytes). 0, or with out untouched: -1 when it is not there, ERR_TOO_LONG, logged, when it does not
+// fit.
 [[nodiscard]] int get_param_from_json_resp(json_object* json, const char* key, char* out,
                                            size_t size);
 // The answer's "code", a number or a text that begins with one; ERR_NO_CODE for any other.

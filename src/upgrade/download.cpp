@@ -78,7 +78,8 @@ bool is_usable_link(const char* link) {
 bool find_target(job* work) {
     const char* name = work->remote->version_name.get();
     if (!is_empty(name) && !package_path(name, &work->target)) {
-        log_err(FUNCTION, __LINE__, "package name %s is no plain file name", name);
+        log_err(FUNCTION, __LINE__, "package name %s is no plain file name",
+                one_line(name).c_str());
     }
     return work->target[0] != '\0' && is_usable_link(work->remote->link.get());
 }

@@ -43,7 +43,7 @@ struct install_files {
 bool find_package(const app_info& remote, char (*package)[PACKAGE_PATH_SIZE]) {
     if (!package_path(remote.version_name.get(), package)) {
         log_err(FUNCTION, __LINE__, "package name %s is no plain file name",
-                text_or(remote.version_name, "(null)"));
+                one_line(text_or(remote.version_name, "(null)")).c_str());
         return false;
     }
     return access(*package, F_OK) == 0;

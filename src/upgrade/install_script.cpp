@@ -12,8 +12,8 @@
 const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
     # Everybody may write in /tmp. A folder that is ours by now stays so.
     plain() {
-        for path; do
-            [ ! -L "$path" ] || return 1
+        for each; do
+            [ ! -L "$each" ] || return 1
         done
     }
     for path in /tmp/cloud_web.tar /tmp/cloud_web.tar.bz2 /tmp/web; do
@@ -21,11 +21,11 @@ const char INSTALL_SCRIPT_BODY[] = R"script(if [ "$1" = "untar_web" ]; then
     done
     if [ -e /var/bin/cloud_web.tar.gz ] || [ -e /var/bin/cloud_web.tar.bz2 ]; then
         mkdir /tmp/web 2>/dev/null
-        if [ ! -O /tmp/web ] || [ -L /tmp/web ]; then
-            exit
-        fi
-        plain /tmp/web/js || rm -f /tmp/web/js
     fi
+    if [ ! -d /tmp/web ] || [ ! -O /tmp/web ] || [ -L /tmp/web ]; then
+        exit
+    fi
+    plain /tmp/web/js || rm -f /tmp/web/js
     if [ -e /var/bin/cloud_web.tar.gz ]; then
         tar zxf /var/bin/cloud_web.tar.gz -C /tmp 2>/dev/null
     elif [ -e /var/bin/cloud_web.tar.bz2 ]; then

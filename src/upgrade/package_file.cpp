@@ -28,10 +28,15 @@ bool is_ours(const struct stat& info) {
     return info.st_uid == 0 || info.st_uid == geteuid();
 }
 
+// Anybody may give a link of root's a second name, where the kernel lets him.
+bool is_second_name(const struct stat& info) {
+    return S_ISLNK(info.st_mode) && info.st_nlink != 1;
+}
+
 // Somebody else's file, folder or link in the way of ours.
 bool is_foreign(const char* path) {
     struct stat info = {};
-    return lstat(path, &info) == 0 && !is_ours(info);
+    return lstat(path, &info) == 0 && (!is_ours(info) || is_second_name(info));
 }
 
 // One that is there stays, unless it is somebody else's. False with errno.
@@ -50,7 +55,7 @@ bool make_folder(const char* path) {
 bool keep_others_out(const char* path) {
     struct stat info = {};
     // A link of our own may lead elsewhere, to a larger disk.
-    if (lstat(path, &info) != 0 || info.st_uid != geteuid()) {
+    if (lstat(path, &info) != 0 || info.st_uid != geteuid() || is_second_name(info)) {
         return false;
     }
     const unique_fd folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -8,7 +8,7 @@ import time
 import pytest
 
 from lab.deployment import ACCOUNTS_SERVER, OAUTH_CLIENT, PBX_SERVER
-from lab.device import INI, read_text, write_text
+from lab.device import INI, read_text, wait_until, write_text
 from lab.platform import DEVICE_ID, DEVICE_MAC, Answer, basic, coded
 
 DEVICE, CODES = "/v1/devices/" + DEVICE_ID, "/v1/devices/authcodes"
@@ -101,9 +101,20 @@ def test_long_texts_of_the_platform(platform, running):
     running.replies(ACTION + "authcode=delete")
     assert platform.requests(f"DELETE {CODES}*")[-1].target == f"{CODES}/{texts[1]}?device_id={DEVICE_ID}"
     platform.cloud.login_token = "t" * 384
-    assert running.replies(LOGIN) == [error(2202)]
-    assert platform.requests(BIND)[-1].headers["authorization"] == basic("t" * 383 + ":")
+    binds = len(platform.requests(BIND))
+    assert running.replies(LOGIN) == [error(31)]
+    assert len(platform.requests(BIND)) == binds, "with the token of before"
     assert "token in an answer has 384 characters, at most 383, not taken" in running.errors()
+
+
+def test_activation_whose_key_does_not_fit(platform, device):
+    """State and key belong together: neither is taken."""
+    platform.api.answer("POST *actions/activate", lambda one: Answer(
+        {"code": 0, "active_state": "true", "device_key": "k" * 64}))
+    device.reset(settings={"cloudserver": "on"}, agents=())
+    device.start()
+    wait_until(lambda: "device_key in an answer has 64 characters" in device.errors(), what="the refusal")
+    assert device.setting("active_state") != "true" and not device.setting("device_key")
 
 
 def test_bind_with_a_given_token_and_unbind(platform, running):

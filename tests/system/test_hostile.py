@@ -229,6 +229,12 @@ def test_links_pipes_and_endless_files_of_others(device):
     os.symlink("/var/lib/pages", "/tmp/web")
     device.start()
     assert os.listdir("/var/lib/pages") == ["cloud"] and not os.path.lexists("/tmp/web")
+    device.reset(agents=())
+    os.makedirs("/tmp/web/cloud")
+    write_text("/tmp/web/cloud/index.htm", "page")
+    os.mkfifo("/tmp/web/index.htm")
+    device.start()
+    assert read_text("/tmp/web/index.htm") == "page"
 
 
 @pytest.mark.parametrize("kind", ["pipe", "endless", "long"])

@@ -80,7 +80,9 @@ TEST(Answers, AValueThatDoesNotFitIsNotTaken) {
     const json_ptr answer = parse_json(R"({"fits":"123","long":"1234","number":1234})");
     char text[4] = "old";
     for (const char* key : {"long", "number", "none"}) {
-        EXPECT_EQ(get_param_from_json_resp(answer.get(), key, text, sizeof text), -1) << key;
+        EXPECT_EQ(get_param_from_json_resp(answer.get(), key, text, sizeof text),
+                  std::string_view(key) == "none" ? FAILED : ERR_TOO_LONG)
+            << key;
         EXPECT_STREQ(text, "old") << key;
     }
     EXPECT_EQ(get_param_from_json_resp(answer.get(), "fits", text, sizeof text), 0);

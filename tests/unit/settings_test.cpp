@@ -95,7 +95,7 @@ TEST_F(settings_files, a_text_that_does_not_fit_counts_as_not_there) {
     EXPECT_STREQ(config.quorvel_token, "");
     EXPECT_EQ(config.quorvel_sipuser, nullptr);
     EXPECT_EQ(strlen(config.quorvel_sipserver.get()), 255U);
-    EXPECT_STREQ(config.tls_ca_file, "unreadable setting") << "and no other file";
+    EXPECT_STREQ(config.tls_ca_file, "/unreadable setting") << "and no other file";
     EXPECT_EQ(config.conn_timeout, 7);
     EXPECT_NE(log.find("tcp_mss in " + own + " has 16 characters, at most 15, not taken\n"),
               std::string::npos);
