@@ -522,6 +522,9 @@ def test_refusals(platform, enrolled):
 
 
 def test_stop_during_a_slow_report_holds(platform, enrolled):
+    """Also as a stopped install: later ones wait for the restart."""
+    enrolled.write_plugins({NAME: OLD, "cloud_fax": OLD})
+    platform.cloud.offer(build("cloud_fax", NEW))
     platform.api.answer("POST /v1/services/cloudwatch/metrics", lambda request:
                         Answer({"code": 0}, delay=1) if "agentUpgrade" in request.target else None)
     offer_and_update(platform, enrolled, build(NAME, NEW))
@@ -529,6 +532,10 @@ def test_stop_during_a_slow_report_holds(platform, enrolled):
     assert enrolled.action(pluginName=NAME, pluginAction="cancel")["code"] == 0
     wait_until(lambda: enrolled.plugins()[NAME]["pluginVersion"] == NEW, what="the new version")
     assert enrolled.plugins()[NAME]["status"] == IDLE
+    update(enrolled, "cloud_fax")
+    enrolled.wait_status("cloud_fax", DOWNLOADED)
+    with pytest.raises(AssertionError):
+        enrolled.wait_status("cloud_fax", RESTARTED, timeout=2)
 
 
 def test_cloudae_upgrade_restarts_it_and_may_switch_the_cloud_on(platform, device):
