@@ -469,7 +469,7 @@ def test_own_upgrade_begins_no_other_install(platform, enrolled):
     assert enrolled.plugins()["pluginmgr"]["status"] == INSTALLING
     enrolled.wait_log("pluginmgr exit since upgrade")
     commands = [read_text(f"/proc/{pid}/cmdline") for pid in os.listdir("/proc") if pid.isdigit()]
-    assert not [command for command in commands if "install" in command]
+    assert not [command for command in commands if "install.sh" in command]
     assert len(enrolled.log_lines("finish")) == 3, "of all downloads"
 
 
