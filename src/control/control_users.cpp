@@ -23,8 +23,9 @@
 namespace {
 
 constexpr const char* PASSWD_FILE = "/etc/passwd";
-constexpr time_t REPORT_INTERVAL = 60;  // seconds
-constexpr uint32_t LOOPBACK_INTERFACE = 1;
+constexpr time_t REPORT_INTERVAL = 60;      // seconds
+constexpr size_t ANSWER_PART = 8192;        // the kernel makes none longer than it is read with
+constexpr int LAST_ERROR = 4095;            // of the kernel's
 constexpr uint64_t LAST_USER = 0xFFFFFFFE;  // the number above it means none
 constexpr size_t LONGEST_NUMBER = 10;
 constexpr std::string_view DIGITS = "0123456789";
@@ -81,70 +82,99 @@ struct question {
     inet_diag_req_v2 body;
 };
 
-bool send_question(const sockaddr_in& of) {
+void open_diagnosis() {
+    diagnosis.reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+}
+
+// By the port alone: of an address the kernel names one socket, others can send from it as well.
+bool send_question(uint8_t family, const port_owners& of) {
     question text = {};
     text.head.nlmsg_len = sizeof text;
     text.head.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-    text.head.nlmsg_flags = NLM_F_REQUEST;
-    text.head.nlmsg_seq = ++last_question;
-    text.body.sdiag_family = AF_INET;
+    text.head.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    text.head.nlmsg_seq = of.question;
+    text.body.sdiag_family = family;
     text.body.sdiag_protocol = IPPROTO_UDP;
     text.body.idiag_states = ~0U;
-    // As of a datagram that comes in there from the control port: so the kernel means it for UDP.
-    inet_diag_sockid& place = text.body.id;
-    place.idiag_dport = of.sin_port;
-    place.idiag_dst[0] = of.sin_addr.s_addr;
-    place.idiag_sport = htons(CONTROL_PORT);
-    place.idiag_src[0] = htonl(INADDR_LOOPBACK);
-    place.idiag_if = LOOPBACK_INTERFACE;
-    place.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
-    place.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+    text.body.id.idiag_sport = of.port;
     return send(diagnosis.get(), &text, sizeof text, 0) == static_cast<ssize_t>(sizeof text);
 }
 
-// The owner of the UDP socket at a local address, or none, with errno.
-std::optional<uid_t> owner_of(const sockaddr_in& place) {
-    struct {
-        nlmsghdr head;
-        inet_diag_msg body;
-        char more[256];
-    } answer = {};
-    if (!send_question(place)) {
-        return std::nullopt;
-    }
-    do {  // the kernel has answered by now; what is older was not taken
-        const ssize_t length = recv(diagnosis.get(), &answer, sizeof answer, MSG_DONTWAIT);
+int take_answer(port_owners* owners) {
+    char part[ANSWER_PART] = {};
+    int code = EAGAIN;
+    while (code == EAGAIN) {  // the kernel has the next part ready once one is taken
+        const ssize_t length = recv(diagnosis.get(), part, sizeof part, MSG_DONTWAIT | MSG_TRUNC);
         if (length < 0) {
-            return std::nullopt;
+            return errno;
         }
-        if (length < static_cast<ssize_t>(sizeof answer.head + sizeof answer.body) ||
-            answer.head.nlmsg_type != SOCK_DIAG_BY_FAMILY) {
-            errno = ENOENT;
-            return std::nullopt;
+        if (length > static_cast<ssize_t>(sizeof part)) {
+            return EMSGSIZE;
         }
-    } while (answer.head.nlmsg_seq != last_question);
-    errno = ENOENT;
-    return answer.body.id.idiag_sport == place.sin_port ? std::optional(answer.body.idiag_uid)
-                                                        : std::nullopt;
+        code = read_owners(std::span(part, static_cast<size_t>(length)), owners);
+    }
+    return code;
+}
+
+// Adds the sockets of a family. 0, or what errno tells.
+int ask_owners(uint8_t family, port_owners* owners) {
+    owners->question = ++last_question;
+    const int code = send_question(family, *owners) ? take_answer(owners) : errno;
+    if (code != 0) {
+        open_diagnosis();  // an answer left half read would stand before the next one
+    }
+    return code;
 }
 
 // The control port's own socket is looked up: a kernel without the diagnosis does not find it.
 bool can_tell_owners() {
-    sockaddr_in own = {};
-    own.sin_port = htons(CONTROL_PORT);
-    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    diagnosis.reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    return diagnosis && owner_of(own).has_value();
+    open_diagnosis();
+    port_owners own = {};
+    own.port = htons(CONTROL_PORT);
+    const int code = ask_owners(AF_INET, &own);
+    errno = code != 0 ? code : ENOENT;
+    return code == 0 && own.others > 0;
 }
 
 bool is_admitted(const sockaddr_in& sender) {
-    // Nobody has business there, and a socket that shares it would be taken for the daemon's.
+    // Nobody has business there, and a socket that shared it would be taken for the daemon's.
     if (sender.sin_port == htons(CONTROL_PORT)) {
         return false;
     }
-    const std::optional<uid_t> owner = owner_of(sender);
-    uid_t* const end = admitted + admitted_count;
-    return owner && std::find(admitted, end, *owner) != end;
+    port_owners owners = {};
+    owners.port = sender.sin_port;
+    owners.users = std::span(admitted, admitted_count);
+    if (ask_owners(AF_INET, &owners) != 0) {
+        return false;
+    }
+    const int code = ask_owners(AF_INET6, &owners);    // which send from IPv4 addresses as well
+    const bool is_told = code == 0 || code == ENOENT;  // the kernel knows no such sockets
+    return is_told && owners.admitted > 0 && owners.others == 0;
+}
+
+// One message of an answer, its header read and its length within the part.
+int read_message(const nlmsghdr& head, const char* body, port_owners* owners) {
+    const size_t length = head.nlmsg_len - sizeof head;
+    if (head.nlmsg_type == NLMSG_DONE || head.nlmsg_type == NLMSG_ERROR) {
+        int code = -EBADMSG;
+        if (length >= sizeof code) {
+            memcpy(&code, body, sizeof code);
+        }
+        const bool is_end = code == 0 && head.nlmsg_type == NLMSG_DONE;
+        return is_end || (code < 0 && code >= -LAST_ERROR) ? -code : EBADMSG;
+    }
+    inet_diag_msg about = {};
+    const bool is_whole = (head.nlmsg_flags & NLM_F_DUMP_INTR) == 0 && length >= sizeof about;
+    if (head.nlmsg_type != SOCK_DIAG_BY_FAMILY || !is_whole) {
+        return EBADMSG;
+    }
+    memcpy(&about, body, sizeof about);
+    if (about.id.idiag_sport == owners->port) {  // whatever the kernel makes of the question
+        const auto end = owners->users.end();
+        const bool is_ours = std::find(owners->users.begin(), end, about.idiag_uid) != end;
+        (is_ours ? owners->admitted : owners->others)++;
+    }
+    return EAGAIN;
 }
 
 }  // namespace
@@ -202,4 +232,24 @@ size_t parse_users(std::string_view list, const char* passwd_file, std::span<uid
         users[count++] = *user;
     }
     return count;
+}
+
+int read_owners(std::span<const char> part, port_owners* owners) {
+    while (!part.empty()) {
+        nlmsghdr head = {};
+        if (part.size() < sizeof head) {
+            return EBADMSG;
+        }
+        memcpy(&head, part.data(), sizeof head);
+        if (head.nlmsg_len < sizeof head || head.nlmsg_len > part.size()) {
+            return EBADMSG;
+        }
+        const bool is_answer = head.nlmsg_seq == owners->question;
+        const int code = is_answer ? read_message(head, part.data() + sizeof head, owners) : EAGAIN;
+        if (code != EAGAIN) {
+            return code;
+        }
+        part = part.subspan(std::min<size_t>(NLMSG_ALIGN(head.nlmsg_len), part.size()));
+    }
+    return EAGAIN;
 }

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The local control service, the agents' messages, signals, what started programs inherit, logs."""
 import concurrent.futures
+import contextlib
 import hashlib
 import hmac
 import os
@@ -288,6 +289,28 @@ def test_senders_that_nobody_owns_are_ignored(device):
     assert not device.log_lines("got keepcloudae")
     device.shift_time(61)
     device.wait_log("3 " + told)
+
+
+def test_a_sender_with_many_sockets_at_its_port(device):
+    """More than one part of the kernel's answer holds, IPv6 ones among them, all of the one user."""
+    device.reset(settings={"cloudserver": "ums", "control_users": "root"}, device_id=None, agents=())
+    device.start()
+    with contextlib.ExitStack() as sockets:
+        def bound(family, address):
+            one = sockets.enter_context(socket.socket(family, socket.SOCK_DGRAM))
+            one.bind(address)
+            return one
+        sender = bound(socket.AF_INET, ("127.0.0.1", 0))
+        sender.settimeout(10)
+        port = sender.getsockname()[1]
+        for number in range(2, 202):
+            bound(socket.AF_INET, (f"127.0.0.{number}", port))
+        if os.path.exists("/proc/net/if_inet6"):
+            bound(socket.AF_INET6, ("::ffff:127.0.1.1", port))
+        for _ in range(3):
+            sender.sendto(request(MODE), CONTROL_PORT)
+            assert sender.recv(8192)
+    assert not device.log_lines("datagrams ignored")
 
 
 def busy_ticks(pid, seconds=0.5):
