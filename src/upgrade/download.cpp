@@ -253,8 +253,9 @@ void run(job* work) {
         return;
     }
     if (!still_wanted(*work)) {
-        log_child(child, work->target, "canceled");  // in the instant in which it ended by itself
-    } else if (is_complete(*work)) {
+        return;  // stopped in the instant in which the child has ended by itself
+    }
+    if (is_complete(*work)) {
         end_with(*work, app_event::download_done);
     } else {
         fail(*work);
