@@ -8,7 +8,7 @@
 
 #include "upgrade/app_info.h"
 
-// Who brings an event about is told by the second word: check cycle, user, or a job.
+// Who brings an event about stands behind it: check cycle, user, or a job.
 enum class app_event {
     offer_newer,          // check: a newer version is on offer
     offer_not_newer,      // check: what is on offer is not newer
@@ -41,11 +41,9 @@ enum class app_event {
 constexpr int NO_WAY = -1;
 [[nodiscard]] int next_status(int status, app_event event);
 
-// What a job does at its beginning and its end.
 // The number of the job that app has now; NO_JOB when it was stopped. Takes the lock.
 [[nodiscard]] app_job current_job(const app_info& app);
 // Whether job is still the entry's. Takes the lock.
 [[nodiscard]] bool is_current(const app_info& app, app_job job);
-// The same as advance(), which drops the result: a job that speaks in vain has nothing more to do.
-// Takes the lock.
+// advance(), taking the lock.
 bool advance_locked(app_info* app, app_job job, app_event event);
